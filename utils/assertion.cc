@@ -3,10 +3,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 
 namespace korvo::utils {
+namespace {
+
+std::atomic<bool> assertion_lines{true};
+
+}  // namespace
 
 FixedLine& FixedLine::Append(std::string_view text) noexcept {
   const std::size_t fits = std::min(text.size(), buffer_.size() - size_);
@@ -45,7 +51,12 @@ FixedLine AssertionPrefix(int line, std::string_view path, std::string_view cond
 }
 
 void WriteAssertion(int line, std::string_view path, std::string_view condition, std::string_view message) noexcept {
+  if (!assertion_lines.load(std::memory_order_relaxed)) {
+    return;
+  }
   AssertionPrefix(line, path, condition).Append(message).Append("\n").WriteTo(STDERR_FILENO);
 }
+
+void EnableAssertionLines(bool enable) noexcept { assertion_lines.store(enable, std::memory_order_relaxed); }
 
 }  // namespace korvo::utils

@@ -29,4 +29,8 @@ class FixedLine {
 /// level. Any thread, also in signal context. Never throws; what follows is the caller's to decide.
 void WriteAssertion(int line, std::string_view path, std::string_view condition, std::string_view message) noexcept;
 
+/// Whether WriteAssertion writes at all; it does at start. For tools that use the daemon's code to judge rules and tell
+/// people in their own words what is wrong.
+void EnableAssertionLines(bool enable) noexcept;
+
 }  // namespace korvo::utils

@@ -130,10 +130,10 @@ std::uint64_t ThreadPool::GetMaxThreads() {
 
 void ThreadPool::WorkerLoop() {
   const ScopedThreadName thread_name(name_);
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   while (!stop_) {
     if (!tasks_.empty()) {
-      RunFrontTask(lock);
+      RunFrontTask();
     } else if (!WaitForWork()) {
       break;
     }
@@ -141,11 +141,11 @@ void ThreadPool::WorkerLoop() {
   --thread_count_;
 }
 
-void ThreadPool::RunFrontTask(MutexLock& lock) {
+void ThreadPool::RunFrontTask() {
   Task task = std::move(tasks_.front());
   tasks_.pop_front();
   ++busy_count_;
-  lock.Unlock();
+  mutex_.unlock();
 
   const timespec begin = ThreadCpuTime();
   try {
@@ -154,7 +154,7 @@ void ThreadPool::RunFrontTask(MutexLock& lock) {
   }
   const timespec end = ThreadCpuTime();
 
-  lock.Lock();
+  mutex_.lock();
   --busy_count_;
   ++completed_tasks_;
   total_task_seconds_ +=

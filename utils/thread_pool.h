@@ -56,7 +56,7 @@ class ThreadPool {
   void StartCountedThread() EXCLUDES(mutex_);
   void WorkerLoop() EXCLUDES(mutex_);
   // Runs the front task with the mutex released.
-  void RunFrontTask(MutexLock& lock) REQUIRES(mutex_);
+  void RunFrontTask() REQUIRES(mutex_);
   // Waits for work. False when this worker has been idle for too long.
   bool WaitForWork() REQUIRES(mutex_);
 
