@@ -14,15 +14,10 @@
 #define CAPABILITY(x) VOND_THREAD_ANNOTATION(capability(x))
 #define SCOPED_CAPABILITY VOND_THREAD_ANNOTATION(scoped_lockable)
 #define GUARDED_BY(x) VOND_THREAD_ANNOTATION(guarded_by(x))
-#define ACQUIRED_AFTER(...) VOND_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 #define REQUIRES(...) VOND_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define ACQUIRE(...) VOND_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
-#define ACQUIRE_SHARED(...) VOND_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
 #define RELEASE(...) VOND_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define RELEASE_SHARED(...) VOND_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
-#define RELEASE_GENERIC(...) VOND_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
 #define EXCLUDES(...) VOND_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define NO_THREAD_SAFETY_ANALYSIS VOND_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace korvo::utils {
 
