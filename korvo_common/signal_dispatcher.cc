@@ -184,10 +184,11 @@ void SignalDispatcher::OnSignal(int signum, siginfo_t* info, void* /*ucontext*/)
   errno = saved_errno;
 }
 
-void SignalDispatcher::OnFatalSignal(int signum, siginfo_t* info, void* ucontext) noexcept {
-  if (HandleScanFault(signum, *info, ucontext)) {
+void SignalDispatcher::OnFatalSignal(int signum, siginfo_t* info, void* /*ucontext*/) noexcept {
+  if (HandleScanFault(signum, *info)) {
     return;
   }
+  const ScanFaultPause pause;  // the actions below are meant, and a fault in the handler is no fault of a scan
   ResetToDefault(signum);
   if (signum != SIGABRT) {
     ResetToDefault(SIGABRT);

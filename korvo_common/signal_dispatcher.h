@@ -35,7 +35,8 @@ class SignalDispatcher {
   void Unregister(int signum);
 
   /// Replaces the process's one fatal handler and installs the trampoline for `signals`: it calls `handler` in signal
-  /// context on the thread that faulted, then aborts. A signal that can't be installed is only reported. Faults of
+  /// context on the thread that faulted, on its own stack (so a stack overflow ends the process without a word), then
+  /// aborts. A signal that can't be installed is only reported. Faults of
   /// scanned files are not fatal, see scan_fault_guard.h.
   void RegisterFatalHandler(std::initializer_list<int> signals, std::function<void(int)> handler);
 

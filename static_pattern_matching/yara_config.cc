@@ -48,7 +48,7 @@ void ValidateRule(const YaraRuleInfo& rule) {
       throw YaraConfig::Exception("Invalid action for rule id: " + id);
     }
   } catch (const std::exception& e) {
-    LOG_ERROR("Failed validating rule name: ", rule.name, ", with error: ", e.what());
+    LOG_ERROR("Failed validating rule name: ", rule.name, " with error: ", e.what());
     LOG_ERROR("Make sure the rule has all the mandatory metadata items (i.e. id, action)");
     throw;
   }
@@ -86,7 +86,7 @@ void YaraConfig::Load(const std::vector<int>& fds, YaraConfigLoadFailure& failur
   LOG_DEBUG("Validating rules...");
   ValidateRules(failure);
   DisableMarkedRules();
-  RefuseDisabledMembers();
+  RefuseDisabledMembers(failure);
   TraceRules();
 }
 
@@ -158,12 +158,7 @@ void YaraConfig::ValidateRules(YaraConfigLoadFailure& failure) {
       ValidateRule(rule);
     } catch (const std::exception&) {
       failure.rule_name = rule.name;
-      for (int i = 0; i < user_config_.rule_sets_size(); ++i) {  // of several for one pair the last one is in force
-        const UserConfigData::RuleSetFileInfo& info = user_config_.rule_sets(i);
-        if (info.file_type() == file_type && info.rule_type() == rule_type) {
-          failure.rule_set = i;
-        }
-      }
+      failure.rule_set = PositionOf(file_type, rule_type);
       throw;
     }
   });
@@ -182,15 +177,26 @@ void YaraConfig::DisableMarkedRules() {
   LOG_INFO("Done disabling rules");
 }
 
-void YaraConfig::RefuseDisabledMembers() {
+void YaraConfig::RefuseDisabledMembers(YaraConfigLoadFailure& failure) {
   for (const auto& [file_type, by_rule_type] : rule_sets_) {
     for (const auto& [rule_type, rule_set] : by_rule_type) {
       if (const auto names = rule_set->FindDisabledMember()) {
+        failure.rule_set = PositionOf(file_type, rule_type);
+        failure.rule_name = names->first;
         throw Exception("Rule " + names->second + " is disabled but belongs to a rule set in the condition of rule " +
                         names->first);
       }
     }
   }
+}
+
+int YaraConfig::PositionOf(std::int32_t file_type, std::int32_t rule_type) const {
+  int position = user_config_.rule_sets_size() - 1;  // of several for one pair the last one is in force
+  while (position >= 0 && (user_config_.rule_sets(position).file_type() != file_type ||
+                           user_config_.rule_sets(position).rule_type() != rule_type)) {
+    --position;
+  }
+  return position;
 }
 
 void YaraConfig::TraceRules() {

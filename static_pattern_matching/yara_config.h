@@ -66,7 +66,9 @@ class YaraConfig {
   void ApplyOverride(const static_pattern_matching_proto::RuleOverride& rule_override);
   void ValidateRules(YaraConfigLoadFailure& failure);
   void DisableMarkedRules();
-  void RefuseDisabledMembers();
+  void RefuseDisabledMembers(YaraConfigLoadFailure& failure);
+  // Position in the document of the rule set in force for a pair.
+  [[nodiscard]] int PositionOf(std::int32_t file_type, std::int32_t rule_type) const;
   void TraceRules();
 
   static_pattern_matching_proto::UserConfigData user_config_;

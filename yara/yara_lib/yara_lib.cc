@@ -127,10 +127,11 @@ int ScanCallback(YR_SCAN_CONTEXT* /*context*/, int message, void* message_data, 
   return OnScanMessage(message, message_data, user_data);
 }
 
-// Runs `scan` (rules, flags, callback, context, timeout to libyara's result) as often as the options want.
-template <typename Scan>
+// Runs `scan` (rules, flags, callback, context, timeout to libyara's result) as often as the options want, each time
+// within a ScanFaultScope made from `scanned`.
+template <typename Scan, typename... Scanned>
 YaraScanOutcome ScanWithRetries(const std::shared_ptr<YaraRuleSet>& rule_set, const YaraScanOptions& options,
-                                const Scan& scan) {
+                                const Scan& scan, const Scanned&... scanned) {
   YaraScanOutcome outcome;
   if (rule_set == nullptr) {
     WriteAssertion(387, kSource, "rule_set", "rule_set is null");
@@ -149,7 +150,7 @@ YaraScanOutcome ScanWithRetries(const std::shared_ptr<YaraRuleSet>& rule_set, co
     context.matches.clear();
     bool faulted = false;
     {
-      const korvo_common::ScanFaultScope scope;
+      const korvo_common::ScanFaultScope scope(scanned...);
       outcome.error = scan(yr_rules, SCAN_FLAGS_REPORT_RULES_MATCHING, &ScanCallback, &context,
                            static_cast<int>(options.timeout_in_seconds));
       faulted = scope.HasFaulted();
@@ -198,8 +199,15 @@ YaraLib& YaraLib::Instance() {
 }
 
 YaraLib::YaraLib() {
-  const int error = ::yr_initialize();
+  // libyara counts its users before it initialises, so that after a failure the next call does nothing and succeeds.
+  // That success can't be believed: the first failure stays the answer.
+  static int first_failure = ERROR_SUCCESS;
+  int error = ::yr_initialize();
+  if (error == ERROR_SUCCESS) {
+    error = first_failure;
+  }
   if (error != ERROR_SUCCESS) {
+    first_failure = error;
     FailWithError(317, "!error", "could not initialize Yara library", error);
   }
 }
@@ -279,10 +287,12 @@ std::shared_ptr<YaraRuleSet> YaraLib::CompileAndLoad(const std::string& source, 
 
 YaraScanOutcome YaraLib::ScanFileDescriptor(const std::shared_ptr<YaraRuleSet>& rule_set, int fd,
                                             const YaraScanOptions& options) {
-  return ScanWithRetries(rule_set, options,
-                         [fd](YR_RULES* rules, int flags, YR_CALLBACK_FUNC callback, void* context, int timeout) {
-                           return ::yr_rules_scan_fd(rules, fd, flags, callback, context, timeout);
-                         });
+  return ScanWithRetries(
+      rule_set, options,
+      [fd](YR_RULES* rules, int flags, YR_CALLBACK_FUNC callback, void* context, int timeout) {
+        return ::yr_rules_scan_fd(rules, fd, flags, callback, context, timeout);
+      },
+      fd);
 }
 
 YaraScanOutcome YaraLib::ScanMemory(const std::uint8_t* data, std::size_t length,
@@ -291,7 +301,8 @@ YaraScanOutcome YaraLib::ScanMemory(const std::uint8_t* data, std::size_t length
       rule_set, options,
       [data, length](YR_RULES* rules, int flags, YR_CALLBACK_FUNC callback, void* context, int timeout) {
         return ::yr_rules_scan_mem(rules, data, length, flags, callback, context, timeout);
-      });
+      },
+      static_cast<const void*>(data), length);
 }
 
 }  // namespace korvo::yara::yara_lib

@@ -35,11 +35,12 @@ struct YaraScanOutcome {
 };
 
 /// libyara, initialised: holding a reference proves it. Compiles, loads and scans; failures are YaraException and its
-/// kin, after an assertion line. Stateless: every method may run on several threads at once.
+/// kin, after an assertion line. Stateless: every method may run on several threads at once, but for
+/// SetConfiguration, which changes libyara process-wide without a lock.
 class YaraLib {
  public:
   /// The process's engine, made on first use (several threads may come at once) and finalised at exit. Throws
-  /// YaraException when libyara fails to initialise; the next call tries again.
+  /// YaraException when libyara fails to initialise, and again on each later call: libyara does not recover from it.
   [[nodiscard]] static YaraLib& Instance();
 
   YaraLib(const YaraLib&) = delete;

@@ -75,8 +75,9 @@ class IYaraRuleSetObserved {
 /// One loaded set of rules: libyara's rules, a record per rule in the same order, and the observers.
 ///
 /// Held through a shared pointer, made by YaraLib::Load, never copied. Any number of scans run at once, each under the
-/// lock for reading. Everything that is not const belongs to the one thread that prepares the set before others see
-/// it, or to a caller that holds the lock for writing; none of it takes the lock itself. A broken precondition writes
+/// lock for reading. Everything else that is not const belongs to the one thread that prepares the set before others
+/// see it, or to a caller that holds the lock for writing; none of it takes the lock itself. Only the notifications of
+/// matches and imports come from scans, under the lock for reading. A broken precondition writes
 /// its assertion line; std::out_of_range carries the argument's name.
 class YaraRuleSet : public IYaraRuleSetObserved {
  public:
