@@ -229,8 +229,7 @@ void SignalDispatcher::Block(std::initializer_list<int> signals) {
 void SignalDispatcher::SetMask(int how, int signum) {
   sigset_t set;
   ::sigemptyset(&set);
-  ::sigaddset(&set, signum);
-  if (::pthread_sigmask(how, &set, nullptr) != 0) {
+  if (::sigaddset(&set, signum) != 0 || ::pthread_sigmask(how, &set, nullptr) != 0) {
     AssertionPrefix(139, kSource, "false")
         .Append("Failed to set mask for signal ")
         .Append(static_cast<long>(signum))

@@ -1,0 +1,189 @@
+#include "tests/support/test_support.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace vond::test {
+namespace {
+
+using auto_resources::ManagedFD;
+using std::chrono::steady_clock;
+
+struct Pipe {
+  Pipe() {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+      throw std::runtime_error("pipe2 failed");
+    }
+    read_end.Reset(ends[0]);
+    write_end.Reset(ends[1]);
+  }
+  ManagedFD read_end;
+  ManagedFD write_end;
+};
+
+// Reads both pipes to their end, or until `deadline`. Returns whether both ended.
+bool ReadBoth(int out_fd, int err_fd, steady_clock::time_point deadline, ChildResult& result) {
+  std::array<pollfd, 2> fds{pollfd{out_fd, POLLIN, 0}, pollfd{err_fd, POLLIN, 0}};
+  const std::array<std::string*, 2> texts{&result.out, &result.err};
+  while (fds[0].fd >= 0 || fds[1].fd >= 0) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady_clock::now());
+    if (left.count() <= 0 || ::poll(fds.data(), fds.size(), static_cast<int>(left.count())) < 0) {
+      return false;
+    }
+    for (std::size_t i = 0; i < fds.size(); ++i) {
+      if (fds[i].fd < 0 || fds[i].revents == 0) {
+        continue;
+      }
+      std::array<char, 4096> buffer{};
+      const ssize_t count = ::read(fds[i].fd, buffer.data(), buffer.size());
+      if (count <= 0) {
+        fds[i].fd = -1;
+      } else {
+        texts[i]->append(buffer.data(), static_cast<std::size_t>(count));
+      }
+    }
+  }
+  return true;
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& strings) {
+  std::vector<char*> pointers;
+  for (std::string& string : strings) {
+    pointers.push_back(string.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+}  // namespace
+
+std::set<int> OpenDescriptors(pid_t pid) {
+  const std::string path = "/proc/" + (pid == 0 ? std::string("self") : std::to_string(pid)) + "/fd";
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), &::closedir);
+  std::set<int> fds;
+  if (directory == nullptr) {
+    return fds;
+  }
+  while (const dirent* entry = ::readdir(directory.get())) {
+    if (entry->d_name[0] != '.') {
+      fds.insert(std::atoi(entry->d_name));
+    }
+  }
+  if (pid == 0) {
+    fds.erase(::dirfd(directory.get()));
+  }
+  return fds;
+}
+
+ManagedFD MakeFile(std::string_view content) {
+  ManagedFD fd(::memfd_create("test", MFD_CLOEXEC));
+  if (!fd.IsValid() || ::write(fd.Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+    throw std::runtime_error("memfd failed");
+  }
+  ::lseek(fd.Get(), 0, SEEK_SET);
+  return fd;
+}
+
+std::string CaptureOutput(int fd, const std::function<void()>& action) {
+  std::cout.flush();
+  std::fflush(nullptr);
+  const ManagedFD saved(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
+  const ManagedFD file = MakeFile("");
+  ::dup2(file.Get(), fd);
+  std::exception_ptr exception;
+  try {
+    action();
+  } catch (...) {
+    exception = std::current_exception();
+  }
+  std::cout.flush();
+  std::fflush(nullptr);
+  ::dup2(saved.Get(), fd);
+  if (exception) {
+    std::rethrow_exception(exception);
+  }
+  const off_t size = ::lseek(file.Get(), 0, SEEK_END);
+  std::string text(static_cast<std::size_t>(size), '\0');
+  if (::pread(file.Get(), text.data(), text.size(), 0) != size) {
+    throw std::runtime_error("reading the captured output failed");
+  }
+  return text;
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+  const auto deadline = steady_clock::now() + timeout;
+  while (!condition()) {
+    if (steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+ChildResult RunChild(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
+                     std::chrono::milliseconds timeout, const std::vector<int>& keep) {
+  Pipe out;
+  Pipe err;
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  ::posix_spawn_file_actions_adddup2(&actions, out.write_end.Get(), 1);
+  ::posix_spawn_file_actions_adddup2(&actions, err.write_end.Get(), 2);
+  for (const int fd : keep) {
+    ::posix_spawn_file_actions_adddup2(&actions, fd, fd);  // clears close-on-exec
+  }
+  std::vector<std::string> argv = arguments;
+  std::vector<std::string> env = environment;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    env.emplace_back(*entry);
+  }
+  pid_t pid = -1;
+  const int spawned =
+      ::posix_spawn(&pid, argv[0].c_str(), &actions, nullptr, Pointers(argv).data(), Pointers(env).data());
+  ::posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) {
+    throw std::runtime_error("could not start " + argv[0]);
+  }
+  out.write_end.Reset();
+  err.write_end.Reset();
+
+  ChildResult result;
+  result.timed_out = !ReadBoth(out.read_end.Get(), err.read_end.Get(), steady_clock::now() + timeout, result);
+  if (result.timed_out) {
+    ::kill(pid, SIGKILL);
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  result.signaled = WIFSIGNALED(status);
+  result.signal = result.signaled ? WTERMSIG(status) : 0;
+  result.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
+}
+
+}  // namespace vond::test

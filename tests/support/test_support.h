@@ -1,0 +1,48 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "utils/managed_fd.h"
+
+namespace vond::test {
+
+/// The open descriptors of this process (or of `pid`), from /proc; the one used for listing is left out.
+[[nodiscard]] std::set<int> OpenDescriptors(pid_t pid = 0);
+
+/// A memfd that holds `content`, its position at 0, close-on-exec.
+[[nodiscard]] auto_resources::ManagedFD MakeFile(std::string_view content);
+
+/// Runs `action` and returns what went to descriptor `fd` (1 or 2) meanwhile, from every thread, standard streams
+/// flushed.
+[[nodiscard]] std::string CaptureOutput(int fd, const std::function<void()>& action);
+
+/// The lines of `text`, without their newlines.
+[[nodiscard]] std::vector<std::string> Lines(const std::string& text);
+
+/// Polls `condition` until it holds; false when `timeout` passes first.
+[[nodiscard]] bool WaitUntil(const std::function<bool()>& condition,
+                             std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+/// How a child process ended and what it wrote.
+struct ChildResult {
+  bool timed_out = false;
+  bool signaled = false;
+  int signal = 0;
+  int exit_status = 0;
+  std::string out;
+  std::string err;
+};
+
+/// Runs `arguments` (the program's path first), with `environment` entries ("NAME=value") added, to its end; kills it
+/// after `timeout`. The child keeps the descriptors listed in `keep`, under their numbers.
+[[nodiscard]] ChildResult RunChild(const std::vector<std::string>& arguments,
+                                   const std::vector<std::string>& environment = {},
+                                   std::chrono::milliseconds timeout = std::chrono::seconds(60),
+                                   const std::vector<int>& keep = {});
+
+}  // namespace vond::test
