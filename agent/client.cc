@@ -200,7 +200,7 @@ std::string LastWords(DaemonProcess& process, const ExitStatus& status) {
 
 std::string DescribeEnd(DaemonProcess& process) {
   const std::optional<ExitStatus> status = process.Wait(kReapTimeout);
-  if (!status) {
+  if (!status || status->status < 0) {
     return "vond has closed its channel";
   }
   std::string text = "vond exited with status " + std::to_string(status->status);
@@ -217,7 +217,8 @@ std::string DescribeEnd(DaemonProcess& process) {
 // What the text behind kLostAnswerLine means for the request.
 Error LostAnswerError(std::string_view reason, std::size_t socket_buffer_bytes) {
   for (const int error : {EMSGSIZE, ENOBUFS}) {  // past the buffer, past what the kernel allocates in one piece
-    if (reason == "Failed to send response: " + std::string(std::strerror(error))) {
+    // The daemon never leaves the "C" locale; this process may have.
+    if (reason == std::string("Failed to send response: ") + ::strerrordesc_np(error)) {
       return {ErrorCode::kAnswerTooLarge,
               "the answer is too large for vond's socket, whose buffer has " + std::to_string(socket_buffer_bytes) +
                   " bytes (" + ErrnoText(error) + ")",
@@ -447,9 +448,7 @@ void Client::ReceiveLoop() {
     {
       const MutexLock lock(mutex_);
       if (stop_) {
-        dead_ = true;
-        death_ = "the client has been closed";
-        EndAllPending(death_);
+        EndAllPending("the client has been closed");
       }
       EndOverdue();
       ended.swap(ended_);
@@ -509,15 +508,8 @@ void Client::TakePacket(const std::string& packet) {
 }
 
 void Client::TakeEndOfDaemon() {
-  {
-    const MutexLock lock(mutex_);
-    dead_ = true;
-    death_ = "vond has ended";
-    window_.notify_all();
-  }
   const std::string how = DescribeEnd(*process_);
   const MutexLock lock(mutex_);
-  death_ = how;
   EndAllPending(how);
 }
 
@@ -556,6 +548,8 @@ void Client::EndPending(std::uint64_t id, Answer answer) {
 }
 
 void Client::EndAllPending(const std::string& why) {
+  dead_ = true;
+  death_ = why;
   for (auto& [id, pending] : pending_) {
     if (pending.callback) {
       ended_.push_back({std::move(pending.callback), {Error(ErrorCode::kDaemonDied, why), {}}});

@@ -129,6 +129,7 @@ class Client {
 
   // The daemon has the request no more: `answer` is its end unless it has had one.
   void EndPending(std::uint64_t id, Answer answer) REQUIRES(mutex_);
+  // From now on nothing is answered.
   void EndAllPending(const std::string& why) REQUIRES(mutex_);
   void EndOverdue() REQUIRES(mutex_);
   // The daemon will not answer one of the pending requests, not known which.
@@ -136,8 +137,8 @@ class Client {
   void ResolveLostAnswers() REQUIRES(mutex_);
 
   std::function<void(OutputStream, const std::string&)> user_on_output_;
-  korvo::utils::Mutex policy_mutex_;  // held while a policy is with the daemon
-  korvo::utils::Mutex mutex_ ACQUIRED_AFTER(policy_mutex_);
+  korvo::utils::Mutex policy_mutex_;  // held while a policy is with the daemon; before mutex_
+  korvo::utils::Mutex mutex_;
   std::condition_variable_any window_;  // of mutex_: room for another request, or the end of the daemon
   std::uint64_t next_id_ GUARDED_BY(mutex_) = 1;
   std::unordered_map<std::uint64_t, Pending> pending_ GUARDED_BY(mutex_);
