@@ -1,0 +1,67 @@
+# shellcheck shell=bash
+# Shared by the scripts, which source it: `top` is the top of the tree, and the current folder from here on.
+
+set -euo pipefail
+top=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd -P)
+cd -- "$top"
+jobs=$(nproc)
+
+# Everything that building, testing and the examples need.
+# shellcheck disable=SC2034 # used by the scripts that source this
+build_packages=(
+  cmake ninja-build g++ pkg-config
+  libyara-dev libprotobuf-dev protobuf-compiler libpoco-dev libssl-dev zlib1g-dev
+  libcli11-dev libfmt-dev nlohmann-json3-dev libgtest-dev libbenchmark-dev
+  python3 python3-protobuf
+)
+
+fail() {
+  printf '%s: %s\n' "$0" "$*" >&2
+  exit 1
+}
+
+# step TEXT COMMAND...: says what is done, does it, and says how long it took.
+step() {
+  local text=$1 start=$SECONDS
+  shift
+  printf '==> %s\n' "$text"
+  "$@"
+  printf '==> done in %d s: %s\n\n' "$((SECONDS - start))" "$text"
+}
+
+# install_packages PACKAGE...: installs those that are missing, which only root can.
+install_packages() {
+  local package missing=()
+  command -v dpkg-query >/dev/null || fail "this is no Debian system; install what README.md names and build with cmake"
+  for package in "$@"; do
+    # shellcheck disable=SC2016 # the format is dpkg-query's
+    if [[ $(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null) != installed ]]; then
+      missing+=("$package")
+    fi
+  done
+  if ((${#missing[@]} == 0)); then
+    echo "all ${#} packages are installed"
+    return
+  fi
+  if ((EUID != 0)); then
+    fail "not root, and these packages are missing. Install them with
+    sudo apt-get install --no-install-recommends ${missing[*]}"
+  fi
+  echo "installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get -qq update
+  apt-get -qq install -y --no-install-recommends "${missing[@]}" </dev/null >/dev/null
+}
+
+# build_preset PRESET [TARGET...]: configures and builds one of CMakePresets.json; without targets, everything.
+build_preset() {
+  local preset=$1 log=build/$1.configure.log
+  shift
+  mkdir -p build
+  [[ -w build ]] || fail "$top/build belongs to another user; remove it or work in a clone of your own"
+  if ! cmake --preset "$preset" >"$log" 2>&1; then
+    cat "$log" >&2
+    return 1
+  fi
+  cmake --build --preset "$preset" --parallel "$jobs" ${1:+--target "$@"}
+}
