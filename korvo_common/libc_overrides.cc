@@ -1,6 +1,8 @@
 // The executable's own sigaction() and mmap(), which the dynamic linker finds before libc's for every caller in the
 // process, libyara included. See scan_fault_guard.h for why.
 
+#include "korvo_common/libc_overrides.h"
+
 #include <dlfcn.h>
 #include <sys/types.h>
 
@@ -17,8 +19,8 @@ namespace {
 using SigactionFunction = int (*)(int, const struct sigaction*, struct sigaction*);
 using MmapFunction = void* (*)(void*, std::size_t, int, int, int, off_t);
 
-// The next function of this name in the link order: libc's, or a sanitizer's. Looked up by the first call, which comes
-// before any handler can run. Not a function-local static, whose guard signal context must not take.
+// The next function of this name in the link order: libc's, or a sanitizer's. Not a function-local static, whose guard
+// signal context must not take.
 template <typename Function>
 Function Next(std::atomic<Function>& cache, const char* name) {
   Function function = cache.load(std::memory_order_acquire);
@@ -33,6 +35,11 @@ constinit std::atomic<SigactionFunction> next_sigaction{nullptr};
 constinit std::atomic<MmapFunction> next_mmap{nullptr};
 
 }  // namespace
+
+void korvo_common::ResolveOverriddenFunctions() noexcept {
+  static_cast<void>(Next(next_sigaction, "sigaction"));
+  static_cast<void>(Next(next_mmap, "mmap"));
+}
 
 extern "C" __attribute__((visibility("default"))) int sigaction(int signum, const struct sigaction* action,
                                                                 struct sigaction* old_action) noexcept {

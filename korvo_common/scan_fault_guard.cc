@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "korvo_common/libc_overrides.h"
+
 namespace korvo_common {
 namespace {
 
@@ -52,11 +54,7 @@ ScanFaultPause::~ScanFaultPause() { state.in_scan = was_in_scan_; }
 
 void ArmScanFaultGuard() noexcept {
   page_size = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-  // One call, so that mmap() has found libc's before a handler needs it.
-  void* const page = ::mmap(nullptr, page_size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (page != MAP_FAILED) {
-    ::munmap(page, page_size);
-  }
+  ResolveOverriddenFunctions();
   armed.store(true, std::memory_order_release);
 }
 

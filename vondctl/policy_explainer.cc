@@ -8,7 +8,6 @@
 #include <cctype>
 #include <map>
 #include <optional>
-#include <regex>
 #include <utility>
 
 #include "static_pattern_matching/rule_set_decoder.h"
@@ -55,15 +54,29 @@ Place PlaceOfLine(const RuleSetSource& rule_set, long line) {
   return {rule_set.files.back().path, line - first + 1};
 }
 
+bool IsIdentifierPart(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; }
+
+// Position of `name` behind the word "rule" in `source`; npos if there is none.
+std::size_t FindDeclaration(const std::string& source, const std::string& name) {
+  for (std::size_t at = source.find(name); at != std::string::npos; at = source.find(name, at + 1)) {
+    const std::size_t end = at + name.size();
+    const std::size_t before = at == 0 ? std::string::npos : source.find_last_not_of(" \t\r\n", at - 1);
+    const bool whole = end == source.size() || !IsIdentifierPart(source[end]);
+    if (whole && before != std::string::npos && before + 1 < at && before >= 3 &&
+        source.compare(before - 3, 4, "rule") == 0 && (before == 3 || !IsIdentifierPart(source[before - 4]))) {
+      return at;
+    }
+  }
+  return std::string::npos;
+}
+
 // Where the rule is declared; line 0 of the set's first file when the text does not show it.
 Place PlaceOfRule(const RuleSetSource& rule_set, const std::string& rule_name) {
-  const std::regex declaration("(^|[^A-Za-z0-9_])rule\\s+" + rule_name + "($|[^A-Za-z0-9_])");
   for (const RuleFile& file : rule_set.files) {
     const std::string source = DecodeRuleSet(file.content);
-    std::smatch match;
-    if (std::regex_search(source, match, declaration)) {
-      const auto name = source.begin() + match.position() + match.length();
-      return {file.path, std::count(source.begin(), name, '\n') + (match.str().ends_with('\n') ? 0 : 1)};
+    const std::size_t at = FindDeclaration(source, rule_name);
+    if (at != std::string::npos) {
+      return {file.path, CountLines(source.substr(0, at)) + 1};
     }
   }
   return {rule_set.files.front().path, 0};

@@ -120,8 +120,7 @@ Reporter::Reporter(const Options& options)
     : options_(options),
       show_progress_(!options.quiet && ::isatty(STDERR_FILENO) == 1),
       start_(steady_clock::now()),
-      last_progress_(start_) {
-}
+      last_progress_(start_) {}
 
 void Reporter::Policy(const std::vector<RuleSetCount>& rule_sets) {
   if (options_.format == Format::kJsonLines) {
