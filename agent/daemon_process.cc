@@ -55,11 +55,12 @@ struct Pair {
   ManagedFD childs;
 };
 
-// Moves the child's end above every number that the child uses, so that setting up one never overwrites another.
-Pair MakePair(int our_fd, int childs_fd) {
-  Pair pair{ManagedFD(our_fd), ManagedFD(childs_fd)};
-  if (childs_fd < kFirstForeignFd) {
-    pair.childs.Reset(::fcntl(childs_fd, F_DUPFD_CLOEXEC, kFirstForeignFd));
+// Takes over both ends. Moves the child's above every number that the child uses, so that setting up one there never
+// overwrites another.
+Pair MakePair(const std::array<int, 2>& ends) {
+  Pair pair{ManagedFD(ends[0]), ManagedFD(ends[1])};
+  if (ends[1] < kFirstForeignFd) {
+    pair.childs.Reset(::fcntl(ends[1], F_DUPFD_CLOEXEC, kFirstForeignFd));
     CheckCall(pair.childs.IsValid(), "fcntl");
   }
   return pair;
@@ -68,7 +69,7 @@ Pair MakePair(int our_fd, int childs_fd) {
 Pair MakePipe() {
   std::array<int, 2> ends{};
   CheckCall(::pipe2(ends.data(), O_CLOEXEC) == 0, "pipe2");
-  Pair pair = MakePair(ends[0], ends[1]);
+  Pair pair = MakePair(ends);
   CheckCall(::fcntl(pair.ours.Get(), F_SETFL, O_NONBLOCK) == 0, "fcntl");
   return pair;
 }
@@ -90,7 +91,7 @@ std::size_t GetSendBuffer(int socket) {
 Pair MakeChannel(std::size_t buffer_bytes) {
   std::array<int, 2> ends{};
   CheckCall(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) == 0, "socketpair");
-  Pair pair = MakePair(ends[0], ends[1]);
+  Pair pair = MakePair(ends);
   SetSendBuffer(pair.ours.Get(), buffer_bytes);
   SetSendBuffer(pair.childs.Get(), buffer_bytes);
   return pair;

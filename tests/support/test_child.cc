@@ -295,7 +295,7 @@ const std::map<std::string, void (*)(int)> scenes = {SCENE(Refusals),
 
 int main(int argc, char** argv) {
   std::setvbuf(stdout, nullptr, _IONBF, 0);  // a scene may die at any moment
-  if (argc != 3 || scenes.count(argv[1]) == 0) {
+  if (argc != 3 || !scenes.contains(argv[1])) {
     return 98;
   }
   scenes.at(argv[1])(std::stoi(argv[2]));

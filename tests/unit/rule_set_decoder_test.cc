@@ -96,7 +96,9 @@ TEST(RuleSetDecoder, RefusesDamageAtTheEdgeOfItsBuffers) {
   for (std::size_t size = 8150; size < 8180; ++size) {  // stored, so that the end moves byte by byte over 8192
     const std::string text(size, 'a');
     const std::string gzip = Gzip(text, Z_NO_COMPRESSION);
-    EXPECT_TRUE(DecodeRuleSet(Encrypt(gzip)) == text) << size;
+    const std::string packed = Encrypt(gzip);
+    EXPECT_TRUE(DecodeRuleSet(packed) == text) << size;
+    Refusal(Flip(packed, packed.size() - 1, 1), "padding flipped, size " + std::to_string(size));
     Refusal(Encrypt(gzip.substr(0, gzip.size() - 1)), "cut, size " + std::to_string(size));
     Refusal(Encrypt(gzip + "x"), "appended, size " + std::to_string(size));
   }
