@@ -308,6 +308,12 @@ void Client::ApplyPolicy(const Policy& policy, milliseconds timeout) {
   if (OnReceiver()) {
     throw Error(ErrorCode::kSendFailed, "a callback cannot wait for an answer");
   }
+  for (const int fd : policy.rule_set_fds) {
+    // A device or pipe would be read as a rule set without rules.
+    if (const auto error = CheckScannable(fd, 0)) {
+      throw Error(*error);
+    }
+  }
   Request request;
   korvo_daemon::Config& config = *request.mutable_config();
   config.set_log_level(std::clamp(policy.log_level, kLeastLogLevel, kMostLogLevel));

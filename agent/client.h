@@ -85,8 +85,9 @@ class Client {
                                 std::chrono::milliseconds timeout);
 
   /// Sends a policy and waits for the daemon's word. Policies go one at a time: a second call first waits for the end
-  /// of the one before. Throws Error: kPolicyRefused (the text quotes what the daemon's log says about it) or any other
-  /// kind; after kDeadlineExceeded it is not known which policy is in force until another one is accepted.
+  /// of the one before. Rule sets must be regular files (or memfds) too. Throws Error: kPolicyRefused (the text quotes
+  /// what the daemon's log says about it) or any other kind; after kDeadlineExceeded it is not known which policy is in
+  /// force until another one is accepted.
   void ApplyPolicy(const Policy& policy, std::chrono::milliseconds timeout);
 
   /// Requests that the daemon has and has not answered, those past their deadline included.

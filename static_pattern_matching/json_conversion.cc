@@ -31,17 +31,15 @@ pb_util::JsonParseOptions ParseOptions(bool ignore_unknown) {
 pb_util::Status CheckRuleTypes(const std::string& json) {
   RuleTypesAsWritten document;
   pb_util::Status status = pb_util::JsonStringToMessage(json, &document, ParseOptions(true));
-  for (int i = 0; status.ok() && i < document.rule_sets_size(); ++i) {
-    if (!document.rule_sets(i).has_rule_type()) {
-      continue;
-    }
-    std::string word;
-    status = pb_util::MessageToJsonString(document.rule_sets(i).rule_type(), &word);
-    UserConfigData::RuleSetFileInfo parsed;
-    if (status.ok() &&
-        !pb_util::JsonStringToMessage("{\"rule_type\":" + word + "}", &parsed, ParseOptions(false)).ok()) {
-      status = pb_util::InvalidArgumentError("(rule_sets[" + std::to_string(i) + "].rule_type): invalid value " + word +
+  for (int i = 0; i < document.rule_sets_size(); ++i) {
+    for (const google::protobuf::Value& rule_type : document.rule_sets(i).rule_type()) {
+      std::string word;
+      UserConfigData::RuleSetFileInfo parsed;
+      if (!pb_util::MessageToJsonString(rule_type, &word).ok() ||
+          !pb_util::JsonStringToMessage("{\"rule_type\":" + word + "}", &parsed, ParseOptions(false)).ok()) {
+        return pb_util::InvalidArgumentError("(rule_sets[" + std::to_string(i) + "].rule_type): invalid value " + word +
                                              " for a rule type");
+      }
     }
   }
   return status;

@@ -205,6 +205,10 @@ TEST(AgentClient, RefusesFilesThatWouldNotBeScanned) {
     EXPECT_EQ(Verdict(client.Scan(fd, BlockScan(), kLong)), verdict) << name;
     ::close(fd);
   }
+  const ManagedFD device(open("/dev/zero", O_RDONLY));
+  Policy rules_of_a_device;
+  rules_of_a_device.rule_set_fds = {device.Get()};
+  EXPECT_THROW(client.ApplyPolicy(rules_of_a_device, kLong), Error);
 }
 
 TEST(AgentClient, RefusesRequestsThatWouldNotArrive) {

@@ -57,7 +57,7 @@ TEST(RuleSetDecoder, GivesWhatWasPackedOrPlain) {
   for (unsigned i = 0; i < 1 << 20; ++i) {
     noise += static_cast<char>((i * i * 2654435761U) >> 13);
   }
-  for (const std::size_t size : {0, 1, 15, 16, 17, 8191, 8192, 8193, 1 << 20}) {
+  for (const std::size_t size : {0U, 1U, 15U, 16U, 17U, 8191U, 8192U, 8193U, 1U << 20}) {
     EXPECT_TRUE(DecodeRuleSet(Encrypt(Gzip(noise.substr(0, size))), size) == noise.substr(0, size)) << size;
   }
 }
@@ -78,7 +78,7 @@ TEST(RuleSetDecoder, RefusesEveryDamage) {
   for (std::size_t i = 1; i <= 8; ++i) {
     Refusal(Encrypt(Flip(gzip, gzip.size() - i, 1)), "checksum or length flipped " + std::to_string(i));
   }
-  for (const std::size_t count : {1, 8, 15, 16, 17, 8192}) {
+  for (const std::size_t count : {1U, 8U, 15U, 16U, 17U, 8192U}) {
     Refusal(packed + std::string(count, '\0'), "appended to the file");
     Refusal(Encrypt(gzip + std::string(count, '\0')), "appended to the gzip");
   }

