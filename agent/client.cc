@@ -25,7 +25,6 @@ namespace {
 
 using korvo::utils::MutexLock;
 using korvo_daemon::Request;
-using korvo_daemon::Response;
 using static_pattern_matching_proto::ScanRequest;
 using static_pattern_matching_proto::UserConfigData;
 using std::chrono::milliseconds;

@@ -149,7 +149,7 @@ class SignalAttributes {
   ~SignalAttributes() { ::posix_spawnattr_destroy(&attributes_); }
   SignalAttributes(const SignalAttributes&) = delete;
   SignalAttributes& operator=(const SignalAttributes&) = delete;
-  const posix_spawnattr_t* Get() const { return &attributes_; }
+  [[nodiscard]] const posix_spawnattr_t* Get() const { return &attributes_; }
 
  private:
   posix_spawnattr_t attributes_{};
@@ -245,7 +245,7 @@ std::optional<ExitStatus> DaemonProcess::Wait(milliseconds timeout) {
       return status;
     }
     const auto left = deadline - steady_clock::now();
-    if (left <= left.zero()) {
+    if (left <= steady_clock::duration::zero()) {
       return std::nullopt;
     }
     std::this_thread::sleep_for(std::min<steady_clock::duration>(left, pause));

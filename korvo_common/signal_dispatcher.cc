@@ -100,7 +100,7 @@ bool ReadRecord(int fd, siginfo_t& record) {
 }  // namespace
 
 SignalDispatcher& SignalDispatcher::Instance() {
-  static SignalDispatcher* const dispatcher = new SignalDispatcher();  // never destroyed: handlers may run until exit
+  static auto* const dispatcher = new SignalDispatcher();  // never destroyed: handlers may run until exit
   return *dispatcher;
 }
 
@@ -123,7 +123,7 @@ void SignalDispatcher::Register(int signum, std::function<void(int)> handler, bo
   if (signum == SIGABRT) {
     Fail(193, "6 != signum", "trying to register SIGABRT");
   }
-  if (handlers_.count(signum) != 0) {
+  if (handlers_.contains(signum)) {
     Fail(194, "0 == handlers_.count(signum)", "duplicate registration for " + SignalText(signum));
   }
   handlers_[signum] = [handler = std::move(handler)](const siginfo_t& info) { handler(info.si_signo); };

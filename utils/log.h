@@ -21,8 +21,8 @@ void SetLogLevel(std::int32_t level) noexcept;
 
 /// Writes `line` (with its newline) to std::cout's buffer in one piece and flushes it. Any thread: the buffer is the
 /// synchronised standard one. Goes past the stream object because that turns deaf for good after one failed write (a
-/// full non-blocking pipe); a line that can't be written is lost, wholly or behind a part of it, and the next one is tried again. Blocks when standard
-/// output is a full pipe.
+/// full non-blocking pipe); a line that can't be written is lost, wholly or behind a part of it, and the next one is
+/// tried again. Blocks when standard output is a full pipe.
 void WriteLogLine(const std::string& line);
 
 /// Streams `pieces` into one line and writes it.

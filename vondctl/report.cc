@@ -122,7 +122,7 @@ Reporter::Reporter(const Options& options)
       start_(steady_clock::now()),
       last_progress_(start_) {}
 
-void Reporter::Policy(const std::vector<RuleSetCount>& rule_sets) {
+void Reporter::Policy(const std::vector<RuleSetCount>& rule_sets) const {
   if (options_.format == Format::kJsonLines) {
     ordered_json sets = ordered_json::array();
     for (const RuleSetCount& set : rule_sets) {

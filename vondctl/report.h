@@ -46,7 +46,7 @@ class Reporter {
 
   explicit Reporter(const Options& options);
 
-  void Policy(const std::vector<RuleSetCount>& rule_sets);
+  void Policy(const std::vector<RuleSetCount>& rule_sets) const;
   void File(const FileReport& file);
   /// Writes the summary with this exit status and flushes. Returns whether everything could be written.
   [[nodiscard]] bool Summary(int exit_status);

@@ -133,7 +133,7 @@ class Scan {
         document_.max_number_of_threads() == 0 ? kDefaultWorkers : document_.max_number_of_threads();
     const std::uint64_t workers = std::clamp<std::uint64_t>(std::thread::hardware_concurrency(), 1, ceiling);
     const std::uint64_t rounds = kWindow / workers + 1;
-    constexpr std::uint64_t kLongest = 30 * 24 * 3600;
+    constexpr std::uint64_t kLongest{2'592'000};  // thirty days
     return seconds(std::min(rounds * std::min(timeout * scans, kLongest), kLongest)) + kDeadlineSlack;
   }
 

@@ -108,7 +108,7 @@ TEST(YaraConfig, RefusesBadPoliciesAndSaysWhatIsBad) {
     }
     if (!rule.empty() && !text.starts_with("Rule ")) {
       errors.push_back("ERROR Failed validating rule name: " + rule + " with error: " + text);
-      errors.push_back("ERROR Make sure the rule has all the mandatory metadata items (i.e. id, action)");
+      errors.emplace_back("ERROR Make sure the rule has all the mandatory metadata items (i.e. id, action)");
     }
     errors.push_back("ERROR YaraConfig configuration load failed with error: " + text);
     EXPECT_EQ(loaded.Log("E"), errors) << row[0];

@@ -36,7 +36,7 @@ std::string Encrypt(const std::string& data, std::string_view key = korvo::utils
 // What decoding `content` throws; the text it gives instead would be unexpected.
 std::string Refusal(const std::string& content, const std::string& damage, std::size_t max_text = kMaxRuleSetText) {
   std::string text;
-  const std::string thrown = korvo::yara::yara_lib::Thrown([&] { text = DecodeRuleSet(content, max_text); });
+  std::string thrown = korvo::yara::yara_lib::Thrown([&] { text = DecodeRuleSet(content, max_text); });
   EXPECT_NE(thrown, "") << damage << " gave " << text.size() << " bytes: " << text.substr(0, 80);
   return thrown;
 }

@@ -101,7 +101,7 @@ class YaraRuleSet : public IYaraRuleSetObserved {
   void SetRuleEnabled(std::size_t rule_index, bool enable);
 
   /// Whether a rule has this id.
-  [[nodiscard]] bool HasRule(const std::string& id) const { return indexes_by_id_.count(id) != 0; }
+  [[nodiscard]] bool HasRule(const std::string& id) const { return indexes_by_id_.contains(id); }
   /// The rules with this id, in the set's order: ids may be shared. Throws std::out_of_range "_Map_base::at".
   [[nodiscard]] const std::vector<std::size_t>& FindRules(const std::string& id) const;
   /// Sets a metadata item of every rule with this id. Setting the id itself moves the rules to their new id. Throws as
