@@ -29,10 +29,11 @@ void AddScanOptions(CLI::App& scan, ScanArguments& arguments) {
   auto* const policy =
       scan.add_option("-p,--policy", arguments.policy, "Policy file: the daemon's JSON with a \"path\" per rule set");
   policy->type_name("FILE")->excludes(rules);
-  scan.add_option("--format", arguments.report.format, "text or jsonl (one JSON object per line)")
-      ->transform(CLI::CheckedTransformer(
-          std::map<std::string, Format>{{"text", Format::kText}, {"jsonl", Format::kJsonLines}}))
-      ->type_name("FORMAT");
+  scan.add_option("--format", arguments.report.format, "Results as text (default) or as one JSON object per line")
+      ->transform(
+          CLI::CheckedTransformer(std::map<std::string, Format>{{"text", Format::kText}, {"jsonl", Format::kJsonLines}})
+              .description(""))
+      ->type_name("text|jsonl");
   scan.add_flag("--all", arguments.report.all, "Report clean files too");
   scan.add_option("--file-type", arguments.file_type, "File type whose rule sets are used (default 0)");
   scan.add_option("--timeout", arguments.timeout_in_seconds,

@@ -40,8 +40,12 @@ std::string Problem(const Place& place, const std::string& message) {
 
 long CountLines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
 
-// The file and line behind line `line` of the joined source.
+// The file and line behind line `line` of the joined source. libyara says 0 when the source ends too early.
 Place PlaceOfLine(const RuleSetSource& rule_set, long line) {
+  if (line < 1) {
+    const RuleFile& last = rule_set.files.back();
+    return {last.path, CountLines(DecodeRuleSet(last.content)) + 1};
+  }
   long first = 1;
   for (std::size_t i = 0; i + 1 < rule_set.files.size(); ++i) {
     const std::string source = DecodeRuleSet(rule_set.files[i].content);

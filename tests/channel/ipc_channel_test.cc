@@ -252,6 +252,7 @@ TEST(UnixFds, LimitsOfTheHelpers) {
   };
   const auto fails = [](int result, int error) { return result == -1 && errno == error; };
   EXPECT_TRUE(fails(unix_send_fds(ends.pair[0], nullptr, 1, "x", 1), EINVAL));
+  EXPECT_TRUE(fails(unix_send_fds(ends.pair[0], ends.pair.data(), 0, "x", 1), EINVAL));
   EXPECT_TRUE(fails(unix_send_fds(-1, ends.pair.data(), 1, "x", 1), EINVAL));
   EXPECT_TRUE(fails(unix_receive_fds(ends.pair[0], nullptr, 1, nullptr, &size), EINVAL));
   EXPECT_TRUE(fails(unix_receive_fds(-1, fds.data(), 1, nullptr, &size), EINVAL));

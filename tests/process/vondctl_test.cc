@@ -190,6 +190,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Refusal{"syntax", "\nrule X { condition: $b }\n", "",
                 "the policy was refused:\n@bad/two.yar:2: error: rule X: undefined string \"$b\""},
+        Refusal{"early_end", "rule X {\n condition: true\n", "", "@bad/two.yar:3: error: rule X: syntax error"},
         Refusal{"no_id", "rule X\n{ condition: true }\n", "",
                 "@bad/two.yar:1: error: rule X has no \"id\" among its metadata\n"},
         Refusal{"no_action", "// rule\n\nrule X { meta: id = \"x\" condition: true }\n", "",

@@ -217,7 +217,8 @@ void ReadDuringScan(int /*unused*/) {
     { const ScanFaultPause pause; }
     errno = 77;
     std::printf("%d %d, ", file[page - 1], scope.HasFaulted());
-    std::printf("%d %d %d, ", file[page], file[2 * page - 1], errno);
+    const int lost = file[page] + file[2 * page - 1];
+    std::printf("%d %d, ", lost, errno);
     std::printf("%d %d, ", scope.HasFaulted(), file[page - 1]);  // the mapping goes as a whole
   }
   const volatile char* const memory = MapAndCut(fd);
@@ -228,9 +229,10 @@ void ReadDuringScan(int /*unused*/) {
 }
 
 // Faults that the guard leaves alone: before a scan (0), in a pause (1), one that was sent (2), a null write (3), of
-// another file (4), of the same file mapped before the scan (5), while the guard is not armed (6).
+// another file (4), of the same file mapped before the scan (5), on another thread (6), while the guard is not armed
+// (7).
 void FaultDuringScan(int kind) {
-  SignalDispatcher::Instance().RegisterFatalHandler({kind == 6 ? SIGSYS : SIGBUS, SIGSEGV}, &SayFatal);
+  SignalDispatcher::Instance().RegisterFatalHandler({kind == 7 ? SIGSYS : SIGBUS, SIGSEGV}, &SayFatal);
   const int fd = MakeFile();
   const volatile char* file = kind == 0 || kind == 5 ? MapAndCut(fd) : nullptr;
   const auto read = [&file] { std::printf("%d", file[page]); };
@@ -245,6 +247,9 @@ void FaultDuringScan(int kind) {
   if (kind == 1) {
     const ScanFaultPause pause;
     read();
+  }
+  if (kind == 6) {
+    std::thread(read).join();
   }
   kind == 2 ? static_cast<void>(::kill(::getpid(), SIGBUS)) : kind == 3 ? NullWrite() : read();
 }

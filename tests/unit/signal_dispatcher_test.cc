@@ -134,8 +134,8 @@ TEST(FatalSignals, DaemonDumpsBacktraceAndAborts) {
 }
 
 TEST(ScanFaultGuard, TakesOnlyLostPagesOfScannedFiles) {
-  RunCases({{"ReadDuringScan", 0, 0, "97 0, 0 0 77, 1 0, 0 0 1 97", ""}, {"FaultDuringScan", 6, SIGBUS, "", ""}});
-  for (int kind = 0; kind < 6; ++kind) {
+  RunCases({{"ReadDuringScan", 0, 0, "97 0, 0 77, 1 0, 0 0 1 97", ""}, {"FaultDuringScan", 7, SIGBUS, "", ""}});
+  for (int kind = 0; kind < 7; ++kind) {
     RunCases({{"FaultDuringScan", kind, SIGABRT, "", "fatal\n"}});
   }
 }
