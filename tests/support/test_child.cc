@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -218,6 +219,7 @@ void ReadDuringScan(int /*unused*/) {
     errno = 77;
     std::printf("%d %d, ", file[page - 1], scope.HasFaulted());
     const int lost = file[page] + file[2 * page - 1];
+    std::atomic_signal_fence(std::memory_order_seq_cst);  // the handler must not have changed errno
     std::printf("%d %d, ", lost, errno);
     std::printf("%d %d, ", scope.HasFaulted(), file[page - 1]);  // the mapping goes as a whole
   }
@@ -228,9 +230,9 @@ void ReadDuringScan(int /*unused*/) {
   std::printf("%d %d", next.HasFaulted(), memory[page - 1]);  // the caller's: no more than need be
 }
 
-// Faults that the guard leaves alone: before a scan (0), in a pause (1), one that was sent (2), a null write (3), of
-// another file (4), of the same file mapped before the scan (5), on another thread (6), while the guard is not armed
-// (7).
+// Faults that the guard leaves alone: before a scan (0), in a pause (1), one that was sent with its address (2), a null
+// write (3), of another file (4), of the same file mapped before the scan (5), on another thread (6), while the guard
+// is not armed (7).
 void FaultDuringScan(int kind) {
   SignalDispatcher::Instance().RegisterFatalHandler({kind == 7 ? SIGSYS : SIGBUS, SIGSEGV}, &SayFatal);
   const int fd = MakeFile();
@@ -242,7 +244,10 @@ void FaultDuringScan(int kind) {
   }
   const ScanFaultScope scope(fd);
   if (file == nullptr) {
-    file = MapAndCut(kind == 4 ? MakeFile() : fd);
+    file = MapAndCut(fd);
+  }
+  if (kind == 4) {
+    file = MapAndCut(MakeFile());
   }
   if (kind == 1) {
     const ScanFaultPause pause;
@@ -251,7 +256,12 @@ void FaultDuringScan(int kind) {
   if (kind == 6) {
     std::thread(read).join();
   }
-  kind == 2 ? static_cast<void>(::kill(::getpid(), SIGBUS)) : kind == 3 ? NullWrite() : read();
+  siginfo_t sent{};
+  sent.si_code = SI_QUEUE;
+  sent.si_addr = const_cast<char*>(file + page);
+  kind == 2   ? static_cast<void>(::syscall(SYS_rt_sigqueueinfo, ::getpid(), SIGBUS, &sent))
+  : kind == 3 ? NullWrite()
+              : read();
 }
 
 void FileFailures(int /*unused*/) {

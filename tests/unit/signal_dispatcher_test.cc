@@ -163,6 +163,7 @@ TEST(ScanFaultGuard, KeepsFaultHandlersDuringScans) {
     EXPECT_EQ(Taken(), "111");
   }
   korvo_common::ArmScanFaultGuard();
+  { const korvo_common::ScanFaultPause outside; }
   EXPECT_EQ(Taken(), "111");
   const korvo_common::ScanFaultScope scope(0);
   EXPECT_EQ(Taken(), "001");

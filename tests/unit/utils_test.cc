@@ -84,17 +84,18 @@ TEST(Log, LevelDecidesWhichLinesAreWrittenAndEvaluated) {
 }
 
 TEST(Log, LinesOfSeveralThreadsStayWhole) {
+  constexpr int kLines = 3000;
   std::multiset<std::string> expected;
   const std::string output = CaptureOutput(STDOUT_FILENO, [&expected] {
     std::latch start(8);
     std::vector<std::thread> threads;
     for (const char letter : {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'}) {
-      for (int i = 0; i < 300; ++i) {
+      for (int i = 0; i < kLines; ++i) {
         expected.insert("INFO " + std::to_string(i) + std::string(150, letter) + "end");
       }
       threads.emplace_back([&start, text = std::string(150, letter)] {
         start.arrive_and_wait();
-        for (int i = 0; i < 300; ++i) {
+        for (int i = 0; i < kLines; ++i) {
           LOG_INFO(i, text, "end");
         }
       });
