@@ -153,12 +153,14 @@ void Daemon(int signum) {
     SignalDispatcher::SetMask(SIG_UNBLOCK, SIGSEGV);  // sanitizers block everything in handlers
     struct sigaction last {};
     ::sigaction(SIGTERM, nullptr, &last);
-    if (last.sa_handler != SIG_DFL) {
+    if (last.sa_handler == SIG_DFL) {
+      ::ualarm(5000, 0);  // look again
+    } else {
       hit == 0 ? NullWrite() : static_cast<void>(::raise(hit));
     }
   };
   ::sigaction(SIGALRM, &alarm, nullptr);
-  ::ualarm(5000, 5000);
+  ::ualarm(5000, 0);
   std::array<int, 2> ends{};
   ::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data());
   std::array<std::string, 3> arguments{"vond", "-c", std::to_string(ends[0]) + ":requests"};
