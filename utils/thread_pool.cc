@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -73,7 +73,7 @@ void ThreadPool::StartCountedThread() {
   try {
     std::thread(&ThreadPool::WorkerLoop, this).detach();
     ++started_threads_;
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {  // std::system_error, or no memory for the thread's state
     const MutexLock lock(mutex_);
     --thread_count_;
   }

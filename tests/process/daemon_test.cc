@@ -207,6 +207,7 @@ TEST(Daemon, TheLogLevelChangesFirstAndStays) {
   // The daemon answers after it has logged, but the log takes its own way to us: a later line shows that it is all
   // here.
   const auto set_level = [&](std::uint32_t level, const std::string& document = "{}") {
+    daemon.ClearLog();
     const bool success = daemon.Ask(ConfigRequest(document, level)).config_result().success();
     Request marker;
     static_cast<void>(daemon.Ask(marker));
@@ -219,15 +220,13 @@ TEST(Daemon, TheLogLevelChangesFirstAndStays) {
   EXPECT_TRUE(logged("INFO New log level: 7"));
   EXPECT_TRUE(set_level(3));
   EXPECT_TRUE(logged("INFO New log level: 3"));
-  daemon.ClearLog();
   EXPECT_FALSE(set_level(7, "nonsense"));  // silent, since the old level does not admit it
   EXPECT_FALSE(logged("INFO New log level: 7"));
-  daemon.ClearLog();
   EXPECT_TRUE(set_level(7));
   EXPECT_FALSE(logged("INFO New log level: 7"));  // the failed policy had set it
   EXPECT_TRUE(logged("DEBUG UserConfig.data was read successfully from policy"));
-  daemon.ClearLog();
   EXPECT_TRUE(set_level(2));
+  EXPECT_TRUE(daemon.WaitForLog("INFO New log level: 2"));
   EXPECT_EQ(WithoutDebug(daemon.Log()).back(), "INFO New log level: 2");
 }
 

@@ -54,7 +54,7 @@ TEST(ThreadPool, GrowsWithQueuedWorkUpToItsMaximum) {
     EXPECT_EQ(pool.GetThreadCount(), 1U);
   }
   const auto add = [&] { return pool.AddTask(gate.Task()) ? pool.GetThreadCount() : 0; };
-  for (const std::uint64_t threads : {1, 2, 3, 3, 3}) {
+  for (const std::uint64_t threads : {1U, 2U, 3U, 3U, 3U}) {
     EXPECT_EQ(add(), threads);
   }
   ASSERT_TRUE(gate.HasCaught(3));
@@ -86,7 +86,7 @@ TEST(ThreadPool, DropsTheOneTaskTooMany) {
 
 TEST(ThreadPool, EndsIdleWorkersAboveTheMinimum) {
   constexpr milliseconds kIdle(200);
-  for (const std::uint64_t minimum : {0, 1, 2}) {
+  for (const std::uint64_t minimum : {0U, 1U, 2U}) {
     Gate gate;
     const Counted counted;
     ThreadPool pool("pool", minimum, 4, ThreadPool::kNoQueueLimit, kIdle);
