@@ -106,6 +106,9 @@ int ksd_main(int argc, char** argv) {
   InstallFatalHandler();
   // Before any thread starts, so that all inherit it: writing to a closed socket then fails instead of killing.
   SignalDispatcher::Block(SIGPIPE);
+  // Waits until its handler is registered, which unblocks it on this thread: before that it would kill a daemon that
+  // already answers.
+  SignalDispatcher::Block(SIGTERM);
   if (!InitializeCrypto()) {
     return 2;
   }
