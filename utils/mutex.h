@@ -14,7 +14,6 @@
 #define CAPABILITY(x) VOND_THREAD_ANNOTATION(capability(x))
 #define SCOPED_CAPABILITY VOND_THREAD_ANNOTATION(scoped_lockable)
 #define GUARDED_BY(x) VOND_THREAD_ANNOTATION(guarded_by(x))
-#define ACQUIRED_AFTER(...) VOND_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 #define REQUIRES(...) VOND_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define ACQUIRE(...) VOND_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) VOND_THREAD_ANNOTATION(release_capability(__VA_ARGS__))

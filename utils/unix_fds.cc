@@ -26,6 +26,18 @@ class ControlBuffer {
   std::vector<cmsghdr> words_;  // zeroed
 };
 
+// A message of `data`, unless that points nowhere, and `control`, both of which must outlive it.
+msghdr MakeMessage(iovec& data, ControlBuffer& control) {
+  msghdr message{};
+  if (data.iov_base != nullptr) {
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+  }
+  message.msg_control = control.Data();
+  message.msg_controllen = control.Size();
+  return message;
+}
+
 }  // namespace
 
 int unix_send_fds(int sock, const int* fds, std::size_t count, const void* buf, std::size_t len, int extra_flags) {
@@ -42,13 +54,7 @@ int unix_send_fds(int sock, const int* fds, std::size_t count, const void* buf, 
 
   ControlBuffer control(count);
   iovec data{const_cast<void*>(buf), len};
-  msghdr message{};
-  if (buf != nullptr) {
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-  }
-  message.msg_control = control.Data();
-  message.msg_controllen = control.Size();
+  msghdr message = MakeMessage(data, control);
   cmsghdr* const header = CMSG_FIRSTHDR(&message);
   header->cmsg_len = CMSG_LEN(count * sizeof(int));
   header->cmsg_level = SOL_SOCKET;
@@ -66,13 +72,7 @@ int unix_receive_fds(int sock, int* fds, std::size_t max, void* buf, std::size_t
 
   ControlBuffer control(max);
   iovec data{buf, *len};
-  msghdr message{};
-  if (buf != nullptr) {
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-  }
-  message.msg_control = control.Data();
-  message.msg_controllen = control.Size();
+  msghdr message = MakeMessage(data, control);
 
   const ssize_t received = ::recvmsg(sock, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   if (received < 0) {

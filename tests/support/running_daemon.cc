@@ -34,11 +34,10 @@ static_pattern_matching_proto::ScanResponse ParseScan(const korvo_daemon::Respon
   return scan;
 }
 
-RunningDaemon::RunningDaemon(std::vector<std::string> extra_arguments)
+RunningDaemon::RunningDaemon()
     : client_([&] {
         agent::DaemonOptions options;
         options.executable = VOND_PATH;
-        options.extra_arguments = std::move(extra_arguments);
         options.on_output = [this](agent::OutputStream stream, const std::string& line) {
           if (stream == agent::OutputStream::kStdout) {
             const MutexLock lock(mutex_);

@@ -12,7 +12,7 @@ namespace vond::test {
 /// The real vond with an agent's client, and its log.
 class RunningDaemon {
  public:
-  explicit RunningDaemon(std::vector<std::string> extra_arguments = {});
+  RunningDaemon();
 
   [[nodiscard]] agent::Client& Client() { return client_; }
   [[nodiscard]] pid_t Pid() { return client_.Process().Pid(); }
