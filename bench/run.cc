@@ -30,6 +30,13 @@ int CountMatch(YR_SCAN_CONTEXT* /*context*/, int message, void* /*data*/, void* 
   return CALLBACK_CONTINUE;
 }
 
+int AddName(YR_SCAN_CONTEXT* /*context*/, int message, void* data, void* user_data) {
+  if (message == CALLBACK_MSG_RULE_MATCHING) {
+    static_cast<std::string*>(user_data)->append(static_cast<YR_RULE*>(data)->identifier).append(" ");
+  }
+  return CALLBACK_CONTINUE;
+}
+
 }  // namespace
 
 struct RawYara::Rules {
@@ -72,6 +79,13 @@ PassResult RawYara::Pass(const std::vector<ManagedFD>& files, std::size_t thread
     worker.join();
   }
   return {SecondsSince(start), matches};
+}
+
+std::string RawYara::Verdict(std::string_view content) const {
+  std::string names;
+  const int error = ::yr_rules_scan_mem(rules_->rules, reinterpret_cast<const std::uint8_t*>(content.data()),
+                                        content.size(), SCAN_FLAGS_REPORT_RULES_MATCHING, &AddName, &names, 60);
+  return error == ERROR_SUCCESS ? names : "error " + std::to_string(error);
 }
 
 struct Daemon::State {

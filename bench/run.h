@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "utils/managed_fd.h"
@@ -26,6 +27,9 @@ class RawYara {
   RawYara& operator=(const RawYara&) = delete;
 
   [[nodiscard]] PassResult Pass(const std::vector<auto_resources::ManagedFD>& files, std::size_t threads);
+  /// The names of the rules that match `content`, each followed by a blank; "error <n>" if it can't be scanned. May be
+  /// called from several threads.
+  [[nodiscard]] std::string Verdict(std::string_view content) const;
 
  private:
   struct Rules;
