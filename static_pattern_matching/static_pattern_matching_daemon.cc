@@ -159,15 +159,18 @@ Response StaticPatternMatchingDaemon::ProcessRequest(const Request& request, con
 
 void StaticPatternMatchingDaemon::ProcessConfig(const Config& config, const std::vector<int>& fds, Response& response) {
   LOG_INFO("Processing new configuration..");
+  bool success = false;
   try {
     const MutexLock lock(configuration_mutex);
     ApplyPolicy(config, fds);
-    response.mutable_config_result()->set_success(true);
+    success = true;  // it is in force now, whatever becomes of the log line
     LOG_INFO("New configuration loaded successfully");
   } catch (const std::exception& e) {
-    LOG_ERROR("ProcessConfig failed with error: ", e.what());
-    response.mutable_config_result()->set_success(false);
+    if (!success) {
+      LOG_ERROR("ProcessConfig failed with error: ", e.what());
+    }
   }
+  response.mutable_config_result()->set_success(success);
 }
 
 void StaticPatternMatchingDaemon::ApplyPolicy(const Config& config, const std::vector<int>& fds) {

@@ -31,8 +31,9 @@ void ComposeLogLine(const char* prefix, const Pieces&... pieces) {
   std::ostringstream line;
   line << prefix;
   (line << ... << pieces);
-  line << '\n';
-  WriteLogLine(line.str());
+  std::string text = std::move(line).str();
+  text += '\n';  // in place even where the stream has found no memory for all of the line
+  WriteLogLine(text);
 }
 
 }  // namespace korvo::utils
