@@ -1,5 +1,6 @@
 #include "utils/linux_utils.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,6 +40,12 @@ std::string LinuxUtils::ReadFile(int fd) {
   std::string content(static_cast<std::size_t>(size), '\0');
   if (::lseek(fd, 0, SEEK_SET) == -1) {
     throw Exception("lseek() failed. errno: ", errno);
+  }
+  // What is no file may make even a read of nothing wait (inotify), and the next policy with it. Files are always
+  // ready.
+  pollfd ready{fd, POLLIN, 0};
+  if (::poll(&ready, 1, 0) == 0) {
+    throw Exception("Failed to read from fd, errno: ", EAGAIN);
   }
   errno = 0;  // a short read sets none; whatever an earlier call left would mislead
   if (::read(fd, content.data(), content.size()) != size) {
