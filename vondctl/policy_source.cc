@@ -6,12 +6,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <utility>
 
 #include "static_pattern_matching/rule_set_decoder.h"
@@ -25,14 +25,16 @@ using nlohmann::ordered_json;
 
 std::string ReadWholeFile(const std::string& path) {
   std::ifstream stream(path, std::ios::binary);
-  std::ostringstream content;
-  if (stream) {
-    content << stream.rdbuf();
+  std::string content;
+  std::array<char, 65536> buffer{};
+  while (stream.good()) {
+    stream.read(buffer.data(), buffer.size());
+    content.append(buffer.data(), static_cast<std::size_t>(stream.gcount()));
   }
-  if (!stream.is_open() || stream.bad()) {
+  if (!stream.is_open() || stream.bad()) {  // the latter for what opens but can't be read, such as a folder
     throw PolicyError(fmt::format("{}: {}", path, std::strerror(errno)));
   }
-  return std::move(content).str();
+  return content;
 }
 
 // `path` itself, or the rule files below it, in byte order.
