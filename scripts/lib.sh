@@ -25,7 +25,7 @@ step() {
   local text=$1 start=$SECONDS
   shift
   printf '==> %s\n' "$text"
-  "$@"
+  "$@" || return
   printf '==> done in %d s: %s\n\n' "$((SECONDS - start))" "$text"
 }
 

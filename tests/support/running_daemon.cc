@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <utility>
 
 #include "tests/support/test_support.h"
 
@@ -27,6 +29,27 @@ korvo_daemon::Request MakeScan(std::int32_t file_type, const std::vector<int>& r
   return request;
 }
 
+std::string Verdict(const agent::ScanAnswer& answer) {
+  if (answer.error) {
+    return answer.error->what();
+  }
+  const auto entry = answer.response.results().find(0);
+  if (entry == answer.response.results().end()) {
+    return "status " + std::to_string(answer.response.status());
+  }
+  if (entry->second.status() != 0) {
+    return "status " + std::to_string(entry->second.status());
+  }
+  if (entry->second.result().error() != 0) {
+    return "error " + std::to_string(entry->second.result().error());
+  }
+  std::string names;
+  for (const auto& rule : entry->second.result().matched_rules()) {
+    names += (names.empty() ? "" : " ") + rule.name();
+  }
+  return names;
+}
+
 static_pattern_matching_proto::ScanResponse ParseScan(const korvo_daemon::Response& response) {
   static_pattern_matching_proto::ScanResponse scan;
   EXPECT_TRUE(response.has_generic_data_response());
@@ -34,10 +57,17 @@ static_pattern_matching_proto::ScanResponse ParseScan(const korvo_daemon::Respon
   return scan;
 }
 
-RunningDaemon::RunningDaemon()
+std::map<std::string, std::string> Preloading(const std::string& library) {
+  const char* const options = std::getenv("ASAN_OPTIONS");
+  return {{"LD_PRELOAD", library},
+          {"ASAN_OPTIONS", (options == nullptr ? "" : options) + std::string(":verify_asan_link_order=0")}};
+}
+
+RunningDaemon::RunningDaemon(std::map<std::string, std::string> environment)
     : client_([&] {
         agent::DaemonOptions options;
         options.executable = VOND_PATH;
+        options.environment = std::move(environment);
         options.on_output = [this](agent::OutputStream stream, const std::string& line) {
           if (stream == agent::OutputStream::kStdout) {
             const MutexLock lock(mutex_);
@@ -78,18 +108,10 @@ static_pattern_matching_proto::ScanResult RunningDaemon::ScanText(std::string_vi
 }
 
 std::string RunningDaemon::Verdict(std::string_view content) {
-  const auto result = ScanText(content);
-  if (result.status() != static_pattern_matching_proto::ScanStatus_Success) {
-    return "status " + std::to_string(result.status());
-  }
-  if (result.result().error() != 0) {
-    return "error " + std::to_string(result.result().error());
-  }
-  std::string names;
-  for (const auto& rule : result.result().matched_rules()) {
-    names += (names.empty() ? "" : " ") + rule.name();
-  }
-  return names;
+  const ManagedFD file = MakeFile(content);
+  static_pattern_matching_proto::ScanRequest request;
+  request.add_rule_type(static_pattern_matching_proto::Block);
+  return test::Verdict(client_.Scan(file.Get(), request, kAnswerTimeout));
 }
 
 std::vector<std::string> RunningDaemon::Log() {

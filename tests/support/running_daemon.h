@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -9,10 +10,13 @@
 
 namespace vond::test {
 
+/// The environment that makes a child load `library` before all others.
+[[nodiscard]] std::map<std::string, std::string> Preloading(const std::string& library);
+
 /// The real vond with an agent's client, and its log.
 class RunningDaemon {
  public:
-  RunningDaemon();
+  explicit RunningDaemon(std::map<std::string, std::string> environment = {});
 
   [[nodiscard]] agent::Client& Client() { return client_; }
   [[nodiscard]] pid_t Pid() { return client_.Process().Pid(); }
@@ -25,8 +29,7 @@ class RunningDaemon {
                               std::uint32_t log_level = 6);
   /// Scans `content` as file type 0 for block rules and returns that result.
   [[nodiscard]] static_pattern_matching_proto::ScanResult ScanText(std::string_view content);
-  /// The names of the rules that match `content`, with blanks between; "error <n>" or "status <n>" if it was not
-  /// scanned.
+  /// The verdict on `content` as file type 0.
   [[nodiscard]] std::string Verdict(std::string_view content);
 
   /// Standard output so far, line by line.
@@ -40,6 +43,10 @@ class RunningDaemon {
   std::vector<std::string> log_ GUARDED_BY(mutex_);
   agent::Client client_;
 };
+
+/// The names of the rules that matched for block rules, with blanks between; "error <n>", "status <n>", or why there is
+/// no answer.
+[[nodiscard]] std::string Verdict(const agent::ScanAnswer& answer);
 
 /// A request to scan its first descriptor.
 [[nodiscard]] korvo_daemon::Request MakeScan(std::int32_t file_type, const std::vector<int>& rule_types);

@@ -24,8 +24,6 @@
 #include "korvo_common/scan_fault_guard.h"
 #include "korvo_common/signal_dispatcher.h"
 #include "static_pattern_matching/ksd_main.h"
-#include "utils/linux_utils.h"
-#include "utils/thread_pool.h"
 
 namespace {
 
@@ -266,34 +264,6 @@ void FaultDuringScan(int kind) {
               : read();
 }
 
-void FileFailures(int /*unused*/) {
-  const int fd = ::memfd_create("file", 0);
-  const auto attempt = [fd](int call, int error, Argument first, Argument second) {
-    Deny(call, error, first, second);
-    ::lseek(fd, 3, SEEK_SET);
-    errno = 77;  // of an earlier failure
-    Attempt(&korvo::static_pattern_matching_daemon::utils::LinuxUtils::ReadFile, fd);
-  };
-  ::ftruncate(fd, 7) == 0 ? attempt(SYS_read, 0, {0, fd}, {2, 7}) : std::perror("ftruncate");
-  attempt(SYS_read, EIO, {0, fd}, {2, 7});
-  attempt(SYS_lseek, EPERM, {1, 0}, {2, SEEK_SET});
-  attempt(SYS_lseek, EPERM, {1, 3}, {2, SEEK_SET});
-  attempt(SYS_lseek, EIO, {0, fd}, {2, SEEK_END});
-}
-
-void NoMoreThreads(int /*unused*/) {
-  korvo::utils::ThreadPool pool("pool", 1, 4, 10, std::chrono::minutes(1));
-  pool.StartThreads(1);
-  Deny(SYS_clone3, EAGAIN);
-  Deny(SYS_clone, EAGAIN);
-  pool.StartThreads(2);
-  for (char digit = '1'; digit < '5'; ++digit) {
-    pool.AddTask([digit] { std::putchar(digit); });
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  std::printf(" %d", static_cast<int>(pool.GetThreadCount()));
-}
-
 #define SCENE(name) \
   { #name, &(name) }
 const std::map<std::string, void (*)(int)> scenes = {SCENE(Refusals),
@@ -304,9 +274,7 @@ const std::map<std::string, void (*)(int)> scenes = {SCENE(Refusals),
                                                      SCENE(FaultInHandler),
                                                      SCENE(FaultInHandlerDuringScan),
                                                      SCENE(ReadDuringScan),
-                                                     SCENE(FaultDuringScan),
-                                                     SCENE(FileFailures),
-                                                     SCENE(NoMoreThreads)};
+                                                     SCENE(FaultDuringScan)};
 
 }  // namespace
 

@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -133,6 +134,27 @@ std::vector<std::string> Lines(const std::string& text) {
     lines.push_back(line);
   }
   return lines;
+}
+
+std::vector<std::string> Split(const std::string& line, char separator) {
+  std::istringstream stream(line + separator);
+  std::vector<std::string> cells;
+  for (std::string cell; std::getline(stream, cell, separator);) {
+    cells.push_back(cell.erase(0, cell.find_first_not_of(' ')).erase(cell.find_last_not_of(' ') + 1));
+  }
+  return cells;
+}
+
+std::vector<std::vector<std::string>> ReadTable(const std::string& name) {
+  std::ifstream file(VOND_SOURCE_DIR "/tests/data/" + name);
+  std::vector<std::vector<std::string>> rows;
+  for (std::string line; std::getline(file, line);) {
+    if (!line.starts_with('#')) {
+      rows.push_back(Split(line, '|'));
+    }
+  }
+  EXPECT_FALSE(rows.empty()) << name;
+  return rows;
 }
 
 bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

@@ -24,6 +24,13 @@ namespace vond::test {
 /// The lines of `text`, without their newlines.
 [[nodiscard]] std::vector<std::string> Lines(const std::string& text);
 
+/// `line` split at `separator`, without the blanks around the cells.
+[[nodiscard]] std::vector<std::string> Split(const std::string& line, char separator);
+
+/// The rows of a table in tests/data: cells between bars, lines that begin with '#' left out. Fails the test if there
+/// are none.
+[[nodiscard]] std::vector<std::vector<std::string>> ReadTable(const std::string& name);
+
 /// Polls `condition` until it holds; false when `timeout` passes first.
 [[nodiscard]] bool WaitUntil(const std::function<bool()>& condition,
                              std::chrono::milliseconds timeout = std::chrono::seconds(20));

@@ -5,7 +5,6 @@
 
 #include <fstream>
 #include <functional>
-#include <sstream>
 
 #include "tests/support/test_support.h"
 #include "yara/yara_lib/yara_exceptions.h"
@@ -57,29 +56,6 @@ inline std::string ScanText(const std::shared_ptr<YaraRuleSet>& rule_set, const 
                             const YaraScanOptions& options = {}) {
   const auto* const data = reinterpret_cast<const std::uint8_t*>(content.data());
   return Summary(YaraLib::Instance().ScanMemory(data, content.size(), rule_set, options));
-}
-
-/// `line` split at `separator`, without the blanks around the cells.
-inline std::vector<std::string> Split(const std::string& line, char separator) {
-  std::istringstream stream(line + separator);
-  std::vector<std::string> cells;
-  for (std::string cell; std::getline(stream, cell, separator);) {
-    cells.push_back(cell.erase(0, cell.find_first_not_of(' ')).erase(cell.find_last_not_of(' ') + 1));
-  }
-  return cells;
-}
-
-/// The rows of a table in tests/data: cells between bars, lines that begin with '#' left out.
-inline std::vector<std::vector<std::string>> ReadTable(const std::string& name) {
-  std::ifstream file(VOND_SOURCE_DIR "/tests/data/" + name);
-  std::vector<std::vector<std::string>> rows;
-  for (std::string line; std::getline(file, line);) {
-    if (!line.starts_with('#')) {
-      rows.push_back(Split(line, '|'));
-    }
-  }
-  EXPECT_FALSE(rows.empty()) << name;
-  return rows;
 }
 
 /// Whether a scan holds a file of MakeFile in memory.

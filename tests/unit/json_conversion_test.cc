@@ -10,10 +10,10 @@
 namespace korvo::static_pattern_matching_daemon {
 namespace {
 
-using korvo::yara::yara_lib::ReadTable;
 using korvo::yara::yara_lib::Thrown;
 using static_pattern_matching_proto::UserConfigData;
 using vond::test::CaptureOutput;
+using vond::test::ReadTable;
 
 TEST(JsonConversion, ReadsDocumentsAndWritesThem) {
   auto rows = ReadTable("documents.txt");

@@ -12,11 +12,11 @@ namespace korvo::static_pattern_matching_daemon {
 namespace {
 
 using auto_resources::ManagedFD;
-using korvo::yara::yara_lib::ReadTable;
 using korvo::yara::yara_lib::Thrown;
 using vond::test::CaptureOutput;
 using vond::test::Lines;
 using vond::test::MakeFile;
+using vond::test::ReadTable;
 
 // A document and the files that come with it; last in the list stands a descriptor that is not open.
 struct Policy {

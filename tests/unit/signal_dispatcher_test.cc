@@ -174,15 +174,4 @@ TEST(ScanFaultGuard, KeepsFaultHandlersDuringScans) {
   EXPECT_EQ(Taken(), "001");
 }
 
-TEST(ThreadPool, AbsorbsThreadsThatCannotBeCreated) { RunCases({{"NoMoreThreads", 0, 0, "1234 1", ""}}); }
-
-TEST(LinuxUtils, SaysWhichCallFailed) {
-  RunCases({{"FileFailures", 0, 0, "",
-             "Failed to read from fd, errno: Success\n"
-             "Failed to read from fd, errno: Input/output error\n"
-             "lseek() failed. errno: Operation not permitted\n"
-             "lseek() failed. Couldn't seek to original offset, errno: Operation not permitted\n"
-             "lseek() failed, errno: Input/output error\n"}});
-}
-
 }  // namespace

@@ -12,6 +12,8 @@
 namespace korvo::yara::yara_lib {
 namespace {
 
+using vond::test::ReadTable;
+
 // Runs in a process of its own: the engine starts only once.
 void StartWithoutThreadKeys() {
   std::vector<pthread_key_t> keys;

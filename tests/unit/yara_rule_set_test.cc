@@ -7,6 +7,9 @@
 namespace korvo::yara::yara_lib {
 namespace {
 
+using vond::test::ReadTable;
+using vond::test::Split;
+
 // The rule as the agent gets to read it.
 std::string Describe(const YaraRuleInfo& rule) {
   YaraScanOutcome outcome;

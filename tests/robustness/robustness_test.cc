@@ -1,0 +1,199 @@
+// The real daemon under what wears daemons out. Each test prints the figures that it has reached.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "agent/rule_packer.h"
+#include "tests/support/packed_rules.h"
+#include "tests/support/running_daemon.h"
+#include "tests/support/test_support.h"
+
+namespace vond::test {
+namespace {
+
+using auto_resources::ManagedFD;
+using korvo_daemon::Request;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+#ifdef VOND_SANITIZED  // everything takes many times as long
+constexpr seconds kStorm{10};
+constexpr int kLeastCuts = 500;
+constexpr int kRequests = 10'000;
+#else
+constexpr seconds kStorm{30};
+constexpr int kLeastCuts = 10'000;
+constexpr int kRequests = 100'000;
+#endif
+
+const std::string kRuleA = "rule A { meta: id = \"a\" action = \"block\" strings: $a = \"alpha\" condition: $a }\n";
+
+TEST(Robustness, NoDamagedRuleSetIsAccepted) {
+  RunningDaemon daemon;
+  ASSERT_TRUE(daemon.SetRules({agent::PackRuleSet(kRuleA)}, "", 3));
+  auto damaged = DamagedRuleSets();
+  damaged.emplace_back("bomb", Encrypt(Gzip(std::string((std::size_t{256} << 20) + 1, ' '), 1)));
+  std::size_t refused = 0;
+  for (const auto& [what, file] : damaged) {
+    const bool accepted = daemon.SetRules({file}, "", 3);
+    EXPECT_FALSE(accepted) << what;
+    refused += !accepted;
+    ASSERT_TRUE(accepted || daemon.Verdict("alpha") == "A") << what;
+  }
+  EXPECT_TRUE(daemon.SetRules({agent::PackRuleSet("")}, "", 3));
+  EXPECT_GE(damaged.size(), 2000U);
+  std::printf("damaged rule-set files: %zu, refused, with the old rules still answering: %zu\n", damaged.size(),
+              refused);
+}
+
+TEST(Robustness, DescriptorsComeBackWhateverTheRequests) {
+  RunningDaemon daemon;
+  ASSERT_TRUE(daemon.SetRules({kRuleA}, "", 3));
+  ASSERT_EQ(daemon.Verdict("alpha"), "A");
+  const std::set<int> idle = {0, 1, 2, 3, 4, 5};  // standard streams, channel, the signal dispatcher's pipe
+  ASSERT_TRUE(WaitUntil([&] { return OpenDescriptors(daemon.Pid()) == idle; }));
+  const ManagedFD file = MakeFile("alpha");
+  const ManagedFD rules = MakeFile(kRuleA);
+  const ManagedFD damaged = MakeFile(agent::PackRuleSet(kRuleA).substr(0, 100));
+  const auto data = [](const std::string& bytes) {
+    Request request;
+    request.mutable_generic_data_request()->set_data(bytes);
+    return request;
+  };
+  const auto policy = [](const std::string& document) {
+    Request request;
+    request.mutable_config()->set_log_level(3);
+    request.mutable_config()->mutable_user_config()->set_data(document);
+    return request;
+  };
+  const int f = file.Get();
+  const std::vector<std::pair<Request, std::vector<int>>> kinds = {
+      {MakeScan(0, {0}), {f}},
+      {MakeScan(0, {0, 1}), std::vector<int>(32, f)},  // no allow rules
+      {MakeScan(9, {0}), {f, f}},
+      {MakeScan(0, {0}), {}},
+      {data("\xff\xff"), {f, f, f}},
+      {{}, {f}},
+      {policy("nonsense"), {f, rules.Get()}},
+      {policy(R"({"rule_sets":[{"fd_index":7}]})"), {rules.Get()}},
+      {policy(R"({"rule_sets":[{}]})"), {damaged.Get(), f}},
+      {policy(R"({"rule_sets":[{}]})"), {rules.Get(), f}}};
+  std::minstd_rand random(7);
+  std::atomic<int> answers{0};
+  std::size_t sent = 0;
+  for (int i = 0; i < kRequests; ++i) {
+    // Mostly scans: policies are applied one by one.
+    const auto& [request, fds] = kinds[random() % (i % 20 == 0 ? kinds.size() : 6)];
+    sent += fds.size();
+    daemon.Client().SendAsync(request, fds, steady_clock::now() + seconds(60), [&](const agent::Answer& answer) {
+      EXPECT_FALSE(answer.error) << answer.error->what();
+      ++answers;
+    });
+  }
+  EXPECT_TRUE(WaitUntil([&] { return answers == kRequests; }, seconds(60)));
+  static_cast<void>(WaitUntil([&] { return OpenDescriptors(daemon.Pid()) == idle; }));
+  const std::set<int> left = OpenDescriptors(daemon.Pid());
+  EXPECT_EQ(left, idle);
+  EXPECT_EQ(daemon.Verdict("alpha"), "A");
+  std::printf("requests: %d with %zu descriptors, answers: %d, descriptors open before: %zu, after: %zu\n", kRequests,
+              sent, answers.load(), idle.size(), left.size());
+}
+
+// How many of the daemon's threads are workers.
+std::size_t Workers(pid_t pid) {
+  const std::filesystem::directory_iterator threads("/proc/" + std::to_string(pid) + "/task");
+  return static_cast<std::size_t>(std::count_if(begin(threads), end(threads), [](const auto& thread) {
+    std::string name;
+    std::getline(std::ifstream(thread.path() / "comm"), name);
+    return name == "RequestHandler";
+  }));
+}
+
+TEST(Robustness, FilesCutShortUnderScansNeverEndTheDaemon) {
+  constexpr std::size_t kPage = 4096;
+  constexpr std::size_t kInFlightPerFile = 3;
+  RunningDaemon daemon(Preloading(VOND_FOUR_PROCESSORS_PATH));
+  std::string rules;
+  std::string content;
+  std::string names;
+  for (char page = 'A'; page <= 'X'; ++page) {
+    rules += std::string("rule ") + page + " { meta: id = \"" + page + "\" action = \"block\" strings: $a = \"page" +
+             page + "\" condition: $a }\n";
+    content += std::string("page") + page + std::string(kPage - 5, ' ');
+    names += std::string(names.empty() ? "" : " ") + page;
+  }
+  ASSERT_TRUE(daemon.SetRules({rules}, "", 3));
+
+  struct CutFile {
+    ManagedFD fd;
+    std::atomic<std::size_t> in_flight{0};
+  };
+  std::vector<CutFile> files(6);
+  for (CutFile& file : files) {
+    file.fd = MakeFile(content);
+  }
+  std::atomic<bool> stop{false};
+  int cuts = 0;  // of files that were with the daemon
+  std::thread cutter([&] {
+    for (std::size_t round = 0; !stop; ++round) {
+      const CutFile& file = files[round % files.size()];
+      const std::size_t keep = round * 7 % (content.size() / kPage) * kPage;
+      cuts += file.in_flight > 0;
+      ASSERT_EQ(::ftruncate(file.fd.Get(), static_cast<off_t>(keep)), 0);
+      for (std::size_t at = keep; at < content.size(); at += kPage) {
+        ASSERT_EQ(::pwrite(file.fd.Get(), &content[at], kPage, static_cast<off_t>(at)), static_cast<ssize_t>(kPage));
+      }
+    }
+  });
+  static_pattern_matching_proto::ScanRequest request;
+  request.add_rule_type(static_pattern_matching_proto::Block);
+  std::atomic<int> faults{0}, right{0}, wrong{0};
+  std::size_t workers = 0;
+  const auto deadline = steady_clock::now() + kStorm;
+  while (steady_clock::now() < deadline) {
+    for (CutFile& file : files) {
+      if (file.in_flight < kInFlightPerFile) {
+        ++file.in_flight;
+        daemon.Client().ScanAsync(file.fd.Get(), request, deadline + seconds(60), [&](const agent::ScanAnswer& answer) {
+          const std::string verdict = Verdict(answer);
+          ++(verdict == "error 4" ? faults : names.starts_with(verdict) ? right : wrong);  // the first pages
+          --file.in_flight;
+        });
+      }
+    }
+    workers = std::max(workers, Workers(daemon.Pid()));
+  }
+  EXPECT_TRUE(WaitUntil(
+      [&] { return std::none_of(files.begin(), files.end(), [](const CutFile& file) { return file.in_flight > 0; }); },
+      seconds(60)));
+  stop = true;
+  cutter.join();
+  std::printf("cuts of files being scanned: %d, scans that met one (error 4): %d, right for a length: %d, wrong: %d\n",
+              cuts, faults.load(), right.load(), wrong.load());
+  EXPECT_EQ(workers, 4U);
+  EXPECT_GE(cuts, kLeastCuts);
+  EXPECT_GT(faults, 100);
+  EXPECT_GT(right, 100);
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(daemon.Verdict(content), names);
+  // Our own handlers are still in place.
+  ASSERT_TRUE(daemon.Client().Process().Kill(SIGSEGV));
+  const auto status = daemon.Client().Process().Wait(seconds(20));
+  ASSERT_TRUE(status);
+  EXPECT_EQ(status->signal, SIGABRT);
+  EXPECT_TRUE(WaitUntil([&] {
+    const auto err = daemon.Client().Process().RecentOutput(agent::OutputStream::kStderr);
+    return std::find(err.begin(), err.end(), "Dumping backtrace") != err.end();
+  }));
+}
+
+}  // namespace
+}  // namespace vond::test
