@@ -1,0 +1,2 @@
+#!/bin/sh
+echo abc https://example.com/setup.exe

@@ -1,0 +1,1 @@
+rule A { meta: id = "A" action = "block" strings: $a = "x" condition: uint16be(0) == 0x4d5a and (filesize \ 3 % 2 | 4) ^ 1 << 2 != ~5 - -6 and "x" icontains "X" and "a" matches /a/ and 1.5 * 2 > 2KB or defined @a[1] }

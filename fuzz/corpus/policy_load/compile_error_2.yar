@@ -1,0 +1,2 @@
+rule W { condition: "x" }
+rule E { condition: nothing }

@@ -1,0 +1,2 @@
+rule E { condition: nothing }
+rule E { condition: true }

@@ -1,0 +1,3 @@
+
+
+include "/etc/passwd"

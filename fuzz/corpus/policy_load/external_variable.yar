@@ -1,0 +1,1 @@
+rule A { meta: id = "A" action = "block"  condition: filename matches /a/ }

@@ -1,0 +1,2 @@
+include "/dev/null"
+rule A { meta: id = "A" action = "block"  condition: true }

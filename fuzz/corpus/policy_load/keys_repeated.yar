@@ -1,0 +1,1 @@
+rule A { meta: id = "1" id = "2" action = "disable" action = "block" n = 1 n = true condition: true }

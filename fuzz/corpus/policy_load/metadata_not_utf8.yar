@@ -1,0 +1,1 @@
+rule A : t1 t2 { meta: id = "\xff\xc3" action = "block" x = "\xf0\x9f\x98" condition: true }

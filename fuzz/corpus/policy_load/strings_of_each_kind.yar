@@ -1,0 +1,1 @@
+rule A { meta: id = "A" action = "block" strings: $a = "MZ" xor(1-9) $b = { 4D (5A|5B) [2-6] ?1 } $c = /f[a-z]+e?\b/i wide ascii $d = "AbC" base64 condition: all of them or #a in (1..99) == 2 or @b[1] > 3 or !c > 1 or for any of ($*) : ($ at 0) }

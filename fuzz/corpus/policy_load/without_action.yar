@@ -1,0 +1,1 @@
+rule A { meta: id = "1" condition: true }

@@ -1,0 +1,1 @@
+rule A { meta: action = "block" condition: true }
