@@ -103,7 +103,8 @@ struct Sample {
 };
 
 std::string MakeContent(std::minstd_rand& random) {
-  std::string content(1024 + random() % (256 << 10), '\0');
+  // Some are large enough to be mapped for their scan, the others are copied.
+  std::string content(1024 + random() % (random() % 16 == 0 ? 4U << 20 : 256U << 10), '\0');
   for (char& byte : content) {
     byte = static_cast<char>(random() % 4 == 0 ? random() % 256 : 0);
   }

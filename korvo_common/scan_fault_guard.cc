@@ -60,6 +60,8 @@ void ArmScanFaultGuard() noexcept {
 
 bool IsScanFaultGuardActive() noexcept { return state.in_scan && armed.load(std::memory_order_acquire); }
 
+bool IsScannedFile(int fd) noexcept { return fd >= 0 && fd == state.fd && IsScanFaultGuardActive(); }
+
 void NoteMapping(const void* address, std::size_t length, int fd) noexcept {
   if (state.in_scan && fd >= 0 && fd == state.fd) {
     const auto begin = reinterpret_cast<std::uintptr_t>(address);

@@ -51,6 +51,9 @@ void ArmScanFaultGuard() noexcept;
 /// Whether the guard is armed and the calling thread inside a scan. Safe in signal context.
 [[nodiscard]] bool IsScanFaultGuardActive() noexcept;
 
+/// Whether the guard is armed and the calling thread inside a scan of `fd`.
+[[nodiscard]] bool IsScannedFile(int fd) noexcept;
+
 /// Called by mmap() for each mapping that the calling thread has made.
 void NoteMapping(const void* address, std::size_t length, int fd) noexcept;
 

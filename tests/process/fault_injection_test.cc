@@ -162,9 +162,9 @@ class FaultyDaemon {
     request.add_rule_type(static_pattern_matching_proto::Block);
     request.add_rule_type(static_pattern_matching_proto::Allow);
     std::array<std::promise<agent::ScanAnswer>, 2> ends;
-    for (auto& end : ends) {
-      client_.ScanAsync(file_.Get(), request, std::chrono::steady_clock::now() + kDeadline,
-                        [&end](agent::ScanAnswer answer) { end.set_value(std::move(answer)); });
+    for (std::size_t i = 0; i < ends.size(); ++i) {
+      client_.ScanAsync(files_.at(i).Get(), request, std::chrono::steady_clock::now() + kDeadline,
+                        [&end = ends.at(i)](agent::ScanAnswer answer) { end.set_value(std::move(answer)); });
     }
     for (auto& end : ends) {
       const agent::ScanAnswer answer = end.get_future().get();
@@ -196,7 +196,9 @@ class FaultyDaemon {
     answered_ = true;
   }
 
-  const ManagedFD file_ = MakeFile(std::string(1 << 17, 'x') + "one two three four");
+  // The first is copied for its scan, the second mapped.
+  const std::array<ManagedFD, 2> files_ = {MakeFile(std::string(1 << 17, 'x') + "one two three four"),
+                                           MakeFile(std::string(1 << 21, 'x') + "one two three four")};
   bool strict_ = false;  // the one failure is over, and all must succeed
   bool troubled_ = false;
   bool answered_ = false;

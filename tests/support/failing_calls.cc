@@ -1,6 +1,6 @@
 // Preloaded into vond: makes one call fail, once. VOND_FAIL=<call>:<n>:<error> picks the n-th call of that name that
-// vond's own code makes (libstdc++ may stand in between) and the errno it fails with; with error 0, `read` and `write`
-// move half of what was asked for. A line on standard error tells that the call was reached.
+// vond's own code makes (libstdc++ may stand in between) and the errno it fails with; with error 0, `read`, `pread` and
+// `write` move half of what was asked for. A line on standard error tells that the call was reached.
 
 #include <dlfcn.h>
 #include <link.h>
@@ -111,6 +111,11 @@ ssize_t write(int fd, const void* data, std::size_t size) {
 ssize_t read(int fd, void* data, std::size_t size) {
   const ssize_t bytes = BytesToMove("read", size);
   return bytes < 0 ? bytes : Next(&::read, "read")(fd, data, static_cast<std::size_t>(bytes));
+}
+
+ssize_t pread(int fd, void* data, std::size_t size, off_t offset) {
+  const ssize_t bytes = BytesToMove("pread", size);
+  return bytes < 0 ? bytes : Next(&::pread, "pread")(fd, data, static_cast<std::size_t>(bytes), offset);
 }
 
 // POCO's initialisation of OpenSSL, by its mangled name.

@@ -194,19 +194,19 @@ void FaultInHandlerDuringScan(int signum) {
   FaultInHandler(signum);
 }
 
-const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+constexpr std::size_t half = 1 << 19;  // of a file so large that it is mapped for its scan
 
-// A file of two pages.
+// A file of two halves.
 int MakeFile() {
   const int fd = ::memfd_create("cut", 0);
-  const std::string content(2 * page, 'a');
+  const std::string content(2 * half, 'a');
   return ::write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()) ? fd : -1;
 }
 
-// Maps the file, which then loses its second page.
+// Maps the file, which then loses its second half.
 const volatile char* MapAndCut(int fd) {
-  void* const address = ::mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE, fd, 0);
-  return ::ftruncate(fd, static_cast<off_t>(page)) == 0 ? static_cast<char*>(address) : nullptr;
+  void* const address = ::mmap(nullptr, 2 * half, PROT_READ, MAP_PRIVATE, fd, 0);
+  return ::ftruncate(fd, static_cast<off_t>(half)) == 0 ? static_cast<char*>(address) : nullptr;
 }
 
 void ReadDuringScan(int /*unused*/) {
@@ -217,17 +217,17 @@ void ReadDuringScan(int /*unused*/) {
     const volatile char* const file = MapAndCut(fd);
     { const ScanFaultPause pause; }
     errno = 77;
-    std::printf("%d %d, ", file[page - 1], scope.HasFaulted());
-    const int lost = file[page] + file[2 * page - 1];
+    std::printf("%d %d, ", file[half - 1], scope.HasFaulted());
+    const int lost = file[half] + file[2 * half - 1];
     std::atomic_signal_fence(std::memory_order_seq_cst);  // the handler must not have changed errno
     std::printf("%d %d, ", lost, errno);
-    std::printf("%d %d, ", scope.HasFaulted(), file[page - 1]);  // the mapping goes as a whole
+    std::printf("%d %d, ", scope.HasFaulted(), file[half - 1]);  // the mapping goes as a whole
   }
   const volatile char* const memory = MapAndCut(fd);
-  const ScanFaultScope next(const_cast<const char*>(memory), 2 * page);
+  const ScanFaultScope next(const_cast<const char*>(memory), 2 * half);
   std::printf("%d ", next.HasFaulted());
-  std::printf("%d ", memory[page]);
-  std::printf("%d %d", next.HasFaulted(), memory[page - 1]);  // the caller's: no more than need be
+  std::printf("%d ", memory[half]);
+  std::printf("%d %d", next.HasFaulted(), memory[half - 1]);  // the caller's: no more than need be
 }
 
 // Faults that the guard leaves alone: before a scan (0), in a pause (1), one that was sent with its address (2), a null
@@ -237,7 +237,7 @@ void FaultDuringScan(int kind) {
   SignalDispatcher::Instance().RegisterFatalHandler({kind == 7 ? SIGSYS : SIGBUS, SIGSEGV}, &SayFatal);
   const int fd = MakeFile();
   const volatile char* file = kind == 0 || kind == 5 ? MapAndCut(fd) : nullptr;
-  const auto read = [&file] { std::printf("%d", file[page]); };
+  const auto read = [&file] { std::printf("%d", file[half]); };
   { const ScanFaultPause pause; }
   if (kind == 0) {
     read();
@@ -258,7 +258,7 @@ void FaultDuringScan(int kind) {
   }
   siginfo_t sent{};
   sent.si_code = SI_QUEUE;
-  sent.si_addr = const_cast<char*>(file + page);
+  sent.si_addr = const_cast<char*>(file + half);
   kind == 2   ? static_cast<void>(::syscall(SYS_rt_sigqueueinfo, ::getpid(), SIGBUS, &sent))
   : kind == 3 ? NullWrite()
               : read();

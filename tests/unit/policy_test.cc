@@ -146,8 +146,9 @@ TEST(YaraConfig, OverridesAndDisablesByIdAndAction) {
 }
 
 // "<status> <rule type>:<status>,<error>,<rules>; ..."
-std::string Scan(YaraScanner& scanner, int file_type, const std::vector<int>& rule_types) {
-  const ManagedFD file = MakeFile("x");
+std::string Scan(YaraScanner& scanner, int file_type, const std::vector<int>& rule_types,
+                 const std::string& content = "x") {
+  const ManagedFD file = MakeFile(content);
   static_pattern_matching_proto::ScanRequest request;
   request.set_file_type(file_type);
   for (const int rule_type : rule_types) {
@@ -195,8 +196,9 @@ TEST(YaraScanner, RunningScansKeepTheirConfiguration) {
   const std::string document = R"({"rule_sets":[{},{"rule_type":1,"fd_index":1}],"yara_timeout_in_seconds":1})";
   Install(scanner, {document, {kSlow, Rule("Old", "1", "block")}});
   std::string during;
-  std::thread thread([&] { during = Scan(scanner, 0, {0, 1}); });
-  EXPECT_TRUE(vond::test::WaitUntil(&korvo::yara::yara_lib::IsTestFileMapped));  // the first of the two scans has begun
+  std::thread thread([&] { during = Scan(scanner, 0, {0, 1}, std::string(1 << 19, 'x')); });
+  EXPECT_TRUE(vond::test::WaitUntil(
+      &korvo::yara::yara_lib::IsTestFileMapped));  // the first of the two scans has begun, and maps so large a file
   Install(scanner, {document, {Rule("Quick", "1", "block"), Rule("New", "1", "allow")}});
   EXPECT_EQ(Scan(scanner, 0, {0, 1}), "0 0:0,0,Quick block; 1:0,0,New allow;");
   thread.join();

@@ -120,7 +120,7 @@ TEST(YaraScan, AnswersEachMessage) {
 
 TEST(YaraScan, PassesOnWhatAnObserverThrows) {
   const auto set = LoadRules("import \"math\" private rule P { condition: true } rule R { condition: true }");
-  const ManagedFD file = MakeFile("some text");
+  const ManagedFD file = MakeFile(std::string(1 << 19, ' '));  // large enough to be mapped
   const auto before = vond::test::OpenDescriptors();
   for (const std::string thrown : {"allowed math", "kept back 0", "reported 1"}) {
     const auto observer = std::make_shared<Observer>([&](const std::string& event) {
@@ -140,17 +140,17 @@ TEST(YaraScan, PassesOnWhatAnObserverThrows) {
 }
 
 TEST(YaraScan, FilesCutShortByOthersCostNeitherHandlersNorMemory) {
-  constexpr std::size_t kPage = 4096;
+  constexpr std::size_t kPart = 65536;  // so that the file is mapped, not copied
   std::string source;
   std::string content;
   std::string names;
   for (char c = 'A'; c <= 'X'; ++c) {
-    source += std::string("rule ") + c + " { strings: $a = \"page" + c + "\" condition: $a } ";
-    content += std::string("page") + c + std::string(kPage - 5, ' ');
+    source += std::string("rule ") + c + " { strings: $a = \"part" + c + "\" condition: $a } ";
+    content += std::string("part") + c + std::string(kPart - 5, ' ');
     names += c + std::string(" ");
   }
   // Most faults are met in a condition, where libyara holds memory.
-  source += "rule Z { condition: for all i in (0..5000) : (uint8(i % 24 * 4096) == 0x70) }";
+  source += "rule Z { condition: for all i in (0..5000) : (uint8(i % 24 * 65536) == 0x70) }";
   names += "Z";
   const auto set = LoadRules(source);
   korvo_common::SignalDispatcher::Instance().RegisterFatalHandler({SIGBUS, SIGSEGV}, [](int) {});
@@ -173,15 +173,15 @@ TEST(YaraScan, FilesCutShortByOthersCostNeitherHandlersNorMemory) {
       threads.emplace_back([&] {
         while (!stop) {
           const std::string summary = ScanFd(set, file.Get());
-          ++(names.starts_with(summary) ? right : summary == "error 4" ? faults : wrong);  // the first pages, or none
+          ++(names.starts_with(summary) ? right : summary == "error 4" ? faults : wrong);  // the first parts, or none
         }
       });
     }
     threads.emplace_back([&] {
-      for (std::size_t keep = 0; faulty_ones > 0 && !stop; keep = (keep + 7 * kPage) % content.size()) {
+      for (std::size_t keep = 0; faulty_ones > 0 && !stop; keep = (keep + 7 * kPart) % content.size()) {
         EXPECT_EQ(::ftruncate(file.Get(), static_cast<off_t>(keep)), 0);
-        for (std::size_t at = keep; at < content.size(); at += kPage) {
-          EXPECT_EQ(::pwrite(file.Get(), &content[at], kPage, static_cast<off_t>(at)), static_cast<ssize_t>(kPage));
+        for (std::size_t at = keep; at < content.size(); at += kPart) {
+          EXPECT_EQ(::pwrite(file.Get(), &content[at], kPart, static_cast<off_t>(at)), static_cast<ssize_t>(kPart));
         }
       }
     });
