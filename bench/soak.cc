@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
-#include <mutex>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <stdexcept>
@@ -26,11 +26,13 @@
 #include "bench/run.h"
 #include "bench/workload.h"
 #include "utils/managed_fd.h"
+#include "utils/mutex.h"
 
 namespace vond::bench {
 namespace {
 
 using auto_resources::ManagedFD;
+using korvo::utils::MutexLock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
@@ -38,6 +40,7 @@ using std::chrono::steady_clock;
 constexpr std::uint32_t kSeed = 20260101;
 constexpr std::size_t kClients = 4;
 constexpr std::size_t kMarks = 200;
+constexpr std::size_t kGenerated = 300;  // rules beside those of marks, where no others are given
 constexpr std::size_t kPage = 4096;
 constexpr seconds kSwapInterval{5};
 constexpr seconds kAnswerTimeout{60};
@@ -163,16 +166,14 @@ class SoakRun {
       sources[0] += MarkRule(i);
       sources[1] += i % 2 == 0 ? MarkRule(i) : "";
     }
-    rules_ = kMarks;
     if (options.rules.empty()) {
-      sources[0] += MakeRules(300, kSeed);
-      sources[1] += MakeRules(150, kSeed);
-      rules_ += 300;
+      sources[0] += MakeRules(kGenerated, kSeed);
+      sources[1] += MakeRules(kGenerated / 2, kSeed);
     } else {
       std::size_t number = 0;
       for (const auto& path : FilesUnder(options.rules)) {
         if (path.extension() == ".yar" || path.extension() == ".yara") {
-          const std::string rules = Adopt(ReadWhole(path), rules_);
+          const std::string rules = Adopt(ReadWhole(path), adopted_rules_);
           sources[0] += rules;
           sources[1] += ++number % 2 == 0 ? rules : "";
         }
@@ -240,14 +241,16 @@ class SoakRun {
     };
     const std::size_t base = median(early);
     const double growth = static_cast<double>(median(late)) / static_cast<double>(base);
-    table.Note("soak: seconds, rules, files",
-               fmt::format("{}, {}, {}", options_.duration.count(), rules_, samples_.size()));
+    table.Note("soak: seconds, files", fmt::format("{}, {}", options_.duration.count(), samples_.size()));
+    table.Note("soak: rules generated, adopted",
+               fmt::format("{}, {}", kMarks + (adopted_rules_ == 0 ? kGenerated : 0), adopted_rules_));
     table.Note("soak: scans, bad requests, files cut, swaps",
                fmt::format("{}, {}, {} ({} as error 4), {}", scans_.load(), bad_requests_.load(), cuts_.load(),
                            faults_.load(), finished_swaps_.load()));
+    const MutexLock lock(first_wrong_mutex_);
     table.Add("soak: verdicts that differ from raw libyara", "0",
               fmt::format("{}{}", wrong_.load(), first_wrong_.empty() ? "" : " (first: " + first_wrong_ + ")"),
-              wrong_ == 0);
+              wrong_ == 0 && scans_ > 0);
     table.Add(fmt::format("soak: resident at the end / after {} s", warm_up.count()), "under 1.10",
               fmt::format("{:.3f} ({} KiB)", growth, median(late)), growth < 1.10 && !early.empty() && !late.empty());
     const std::size_t descriptors = Settled();
@@ -277,7 +280,7 @@ class SoakRun {
   void Judge(const std::string& what, const std::string& verdict, const std::vector<std::string>& allowed) {
     if (std::find(allowed.begin(), allowed.end(), verdict) == allowed.end()) {
       ++wrong_;
-      const std::lock_guard lock(first_wrong_mutex_);
+      const MutexLock lock(first_wrong_mutex_);
       if (first_wrong_.empty()) {
         first_wrong_ = fmt::format("{}: \"{}\" instead of \"{}\"", what, verdict, allowed.front());
       }
@@ -398,7 +401,7 @@ class SoakRun {
 
   const SoakOptions options_;
   agent::Client client_;
-  std::size_t rules_ = 0;
+  std::size_t adopted_rules_ = 0;
   std::vector<std::unique_ptr<Variant>> variants_;
   ManagedFD damaged_;
   std::vector<Sample> samples_;
@@ -409,8 +412,8 @@ class SoakRun {
   std::atomic<std::uint64_t> cuts_{0};
   std::atomic<std::uint64_t> faults_{0};
   std::atomic<std::uint64_t> wrong_{0};
-  std::mutex first_wrong_mutex_;
-  std::string first_wrong_;
+  korvo::utils::Mutex first_wrong_mutex_;
+  std::string first_wrong_ GUARDED_BY(first_wrong_mutex_);
 };
 
 }  // namespace
