@@ -26,11 +26,11 @@ using std::chrono::steady_clock;
 
 #ifdef VOND_SANITIZED  // everything takes many times as long
 constexpr seconds kStorm{10};
-constexpr int kLeastCuts = 500;
+constexpr int kLeastFaults = 100;
 constexpr int kRequests = 10'000;
 #else
 constexpr seconds kStorm{30};
-constexpr int kLeastCuts = 10'000;
+constexpr int kLeastFaults = 2000;
 constexpr int kRequests = 100'000;
 #endif
 
@@ -137,20 +137,21 @@ TEST(Robustness, FilesCutShortUnderScansNeverEndTheDaemon) {
   };
   std::vector<CutFile> files(6);
   for (std::size_t i = 0; i < files.size(); ++i) {
-    files[i].part_size = i % 3 == 0 ? 4096 : 65536;  // small files are copied for their scan, large ones mapped
+    files[i].part_size = i % 3 == 0 ? 4096 : 12288;  // small files are copied for their scan, large ones mapped
     for (char part = 'A'; part <= 'X'; ++part) {
       files[i].content += std::string("part") + part + std::string(files[i].part_size - 5, ' ');
     }
     files[i].fd = MakeFile(files[i].content);
   }
   std::atomic<bool> stop{false};
-  int cuts = 0;  // of files that were with the daemon
+  int cuts = 0;  // of files that the daemon had at that moment, in a scan or waiting for one
   std::thread cutter([&] {
     for (std::size_t round = 0; !stop; ++round) {
       const CutFile& file = files[round % files.size()];
       const std::size_t keep = round * 7 % 24 * file.part_size;
       cuts += file.in_flight > 0;
       ASSERT_EQ(::ftruncate(file.fd.Get(), static_cast<off_t>(keep)), 0);
+      std::this_thread::sleep_for(std::chrono::microseconds(50));  // long enough for a scan to come by
       for (std::size_t at = keep; at < file.content.size(); at += 4096) {
         ASSERT_EQ(::pwrite(file.fd.Get(), &file.content[at], 4096, static_cast<off_t>(at)), 4096);
       }
@@ -179,11 +180,11 @@ TEST(Robustness, FilesCutShortUnderScansNeverEndTheDaemon) {
       seconds(60)));
   stop = true;
   cutter.join();
-  std::printf("cuts of files being scanned: %d, scans that met one (error 4): %d, right for a length: %d, wrong: %d\n",
-              cuts, faults.load(), right.load(), wrong.load());
+  std::printf(
+      "cuts of files with the daemon: %d; scans that met one (error 4): %d, right for a length: %d, wrong: %d\n", cuts,
+      faults.load(), right.load(), wrong.load());
   EXPECT_EQ(workers, 4U);
-  EXPECT_GE(cuts, kLeastCuts);
-  EXPECT_GT(faults, 100);
+  EXPECT_GE(faults, kLeastFaults);
   EXPECT_GT(right, 100);
   EXPECT_EQ(wrong, 0);
   EXPECT_EQ(daemon.Verdict(files[0].content), names);

@@ -140,7 +140,7 @@ TEST(YaraScan, PassesOnWhatAnObserverThrows) {
 }
 
 TEST(YaraScan, FilesCutShortByOthersCostNeitherHandlersNorMemory) {
-  constexpr std::size_t kPart = 65536;  // so that the file is mapped, not copied
+  constexpr std::size_t kPart = 12288;  // so that the file is mapped, not copied
   std::string source;
   std::string content;
   std::string names;
@@ -150,7 +150,7 @@ TEST(YaraScan, FilesCutShortByOthersCostNeitherHandlersNorMemory) {
     names += c + std::string(" ");
   }
   // Most faults are met in a condition, where libyara holds memory.
-  source += "rule Z { condition: for all i in (0..5000) : (uint8(i % 24 * 65536) == 0x70) }";
+  source += "rule Z { condition: for all i in (0..5000) : (uint8(i % 24 * 12288) == 0x70) }";
   names += "Z";
   const auto set = LoadRules(source);
   korvo_common::SignalDispatcher::Instance().RegisterFatalHandler({SIGBUS, SIGSEGV}, [](int) {});
@@ -173,13 +173,15 @@ TEST(YaraScan, FilesCutShortByOthersCostNeitherHandlersNorMemory) {
       threads.emplace_back([&] {
         while (!stop) {
           const std::string summary = ScanFd(set, file.Get());
-          ++(names.starts_with(summary) ? right : summary == "error 4" ? faults : wrong);  // the first parts, or none
+          const bool is_right = faulty_ones == 0 ? summary == names : names.starts_with(summary);  // the first parts
+          ++(is_right ? right : summary == "error 4" ? faults : wrong);
         }
       });
     }
     threads.emplace_back([&] {
       for (std::size_t keep = 0; faulty_ones > 0 && !stop; keep = (keep + 7 * kPart) % content.size()) {
         EXPECT_EQ(::ftruncate(file.Get(), static_cast<off_t>(keep)), 0);
+        std::this_thread::sleep_for(std::chrono::microseconds(50));  // long enough for a scan to come by
         for (std::size_t at = keep; at < content.size(); at += kPart) {
           EXPECT_EQ(::pwrite(file.Get(), &content[at], kPart, static_cast<off_t>(at)), static_cast<ssize_t>(kPart));
         }
@@ -195,6 +197,9 @@ TEST(YaraScan, FilesCutShortByOthersCostNeitherHandlersNorMemory) {
     EXPECT_EQ(handlers(), our_handlers);
   };
   scan(8000, 0);
+#ifdef VOND_SANITIZED  // has an allocator of its own, of which mallinfo2 knows nothing
+  scan(0, 200);
+#else
   scan(0, 100);  // the allocator and the threads' arenas have their size after this
   const auto in_use = [] {
     const struct mallinfo2 info = ::mallinfo2();
@@ -205,6 +210,7 @@ TEST(YaraScan, FilesCutShortByOthersCostNeitherHandlersNorMemory) {
   const std::ptrdiff_t growth = in_use() - before;
   std::printf("heap growth over %d faults: %td bytes\n", faults.load(), growth);
   EXPECT_LT(growth, 64'000);
+#endif
 }
 
 }  // namespace
