@@ -1,5 +1,5 @@
-// Packed rule-set files: what comes out of whole ones, and that nothing comes out of damaged ones. The process tests
-// put many more damaged ones through the daemon.
+// Packed rule-set files: what comes out of whole ones, and that nothing comes out of damaged ones. The robustness
+// tests put many more damaged ones through the daemon.
 #include "static_pattern_matching/rule_set_decoder.h"
 
 #include <zlib.h>
