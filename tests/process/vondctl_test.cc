@@ -154,92 +154,11 @@ TEST_F(Vondctl, AFileThatChangesUnderItsScanIsNotClean) {
   EXPECT_EQ(lines[1]["outcome"], "changed");
 }
 
-struct Refusal {
-  const char* name;
-  std::string rules;    // goes to bad/two.yar beside a good bad/one.yar; or else
-  std::string policy;   // goes to policy.json
-  std::string message;  // on standard error, "@" for the folder
-};
-
-void PrintTo(const Refusal& row, std::ostream* stream) { *stream << row.name; }
-
-class VondctlRefusals : public Vondctl, public testing::WithParamInterface<Refusal> {};
-
-TEST_P(VondctlRefusals, NameFileLineAndReason) {
-  ChildResult result;
-  if (GetParam().policy.empty()) {
-    Write("bad/one.yar", kRules);
-    Write("bad/two.yar", GetParam().rules);
-    result = Run({"scan", "-r", "@bad", "@files"});
-  } else {
-    Write("policy.json", GetParam().policy);
-    result = Run({"scan", "-p", "@policy.json", "@files"});
-  }
-  std::string message = GetParam().message;
-  for (std::size_t at = message.find('@'); at != std::string::npos; at = message.find('@')) {
-    message.replace(at, 1, folder_.string() + "/");
-  }
-  EXPECT_EQ(result.exit_status, 3);
-  EXPECT_EQ(result.out, "");
-  EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
-  EXPECT_EQ(result.err.find("Assertion"), std::string::npos) << result.err;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, VondctlRefusals,
-    testing::Values(
-        Refusal{"syntax", "\nrule X { condition: $b }\n", "",
-                "the policy was refused:\n@bad/two.yar:2: error: rule X: undefined string \"$b\""},
-        Refusal{"early_end", "rule X {\n condition: true\n", "", "@bad/two.yar:3: error: rule X: syntax error"},
-        Refusal{"no_id", "rule X\n{ condition: true }\n", "",
-                "@bad/two.yar:1: error: rule X has no \"id\" among its metadata\n"},
-        Refusal{"no_action", "// rule\n\nrule X { meta: id = \"x\" condition: true }\n", "",
-                "@bad/two.yar:3: error: rule X has no \"action\" among its metadata\n"},
-        Refusal{"bad_action", "rule X { meta: id = \"x\" action = \"Block\" condition: true }\n", "",
-                "@bad/two.yar:1: error: the \"action\" of rule X is none of disable, internal, silent, inform, block, "
-                "allow\n"},
-        Refusal{"duplicate_across_files", "\n" + kRules, "",
-                "@bad/two.yar:2: error: duplicated identifier \"Loader\"\n"},
-        Refusal{"zero_byte", std::string("\n\n\0", 3), "", "@bad/two.yar:3: error: zero byte in the rule source\n"},
-        Refusal{"include", "include \"one.yar\"\n", "", "@bad/two.yar:1: error: includes are disabled"},
-        Refusal{"damaged_packed_file", "ENCYnonsense", "", "@bad/two.yar: damaged packed rule file: "},
-        Refusal{"not_json", "", "{", "@policy.json: not valid JSON: "},
-        Refusal{"no_path", "", R"({"rule_sets":[{}]})", "@policy.json: rule_sets[0] has no \"path\"\n"},
-        Refusal{"missing_rules", "", R"({"rule_sets":[{"path":"none.yar"}]})",
-                "@none.yar: No such file or directory\n"},
-        Refusal{"empty_folder", "", R"({"rule_sets":[{"path":"files"}]})", "@files: holds no rule files"},
-        Refusal{"lower_case_rule_type", "", R"({"rule_sets":[{"path":"rules.yar","rule_type":"allow"}]})",
-                "(rule_sets[0].rule_type): invalid value \"allow\""}),
-    [](const auto& row) { return row.param.name; });
-
 TEST_F(Vondctl, ReadsPackedRulesAloneAndAmongOthers) {
   Write("packed/one.yar", agent::PackRuleSet(kRules));
   EXPECT_EQ(Run({"scan", "-r", "@packed/one.yar", "@files"}).exit_status, 1);
   Write("packed/two.yar", "rule Other { meta: id = \"o\" action = \"block\" condition: false }");
   EXPECT_EQ(RunJson({"scan", "-r", "@packed", "@files"}, 1)[0]["rule_sets"][0]["rules"], 2);
-}
-
-TEST_F(Vondctl, WrongUsageAndAMissingDaemonHaveTheirOwnStatus) {
-  const std::vector<std::pair<std::vector<std::string>, int>> rows = {
-      {{}, 64},
-      {{"frobnicate"}, 64},
-      {{"scan", "@files"}, 64},
-      {{"scan", "-r", "@rules.yar"}, 64},
-      {{"scan", "-r", "@rules.yar", "-p", "@policy.json", "@files"}, 64},
-      {{"scan", "-r", "@rules.yar", "--format", "xml", "@files"}, 64},
-      {{"scan", "-r", "@rules.yar", "--no-such-option", "@files"}, 64},
-      {{"scan", "-r", "@rules.yar", "--file-type", "7", "@files"}, 64},
-      {{"scan", "-r", "@rules.yar", "--vond", "@none", "@files"}, 4},
-      {{"scan", "-r", "@rules.yar", "--vond", "/bin/true", "@files"}, 4},
-      {{"--help"}, 0},
-      {{"scan", "--help"}, 0},
-      {{"--version"}, 0},
-  };
-  for (const auto& [arguments, status] : rows) {
-    const ChildResult result = Run(arguments);
-    EXPECT_EQ(result.exit_status, status) << testing::PrintToString(arguments) << result.err;
-    EXPECT_EQ(result.err.empty(), status == 0) << testing::PrintToString(arguments);
-  }
 }
 
 }  // namespace

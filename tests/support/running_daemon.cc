@@ -29,6 +29,12 @@ korvo_daemon::Request MakeScan(std::int32_t file_type, const std::vector<int>& r
   return request;
 }
 
+static_pattern_matching_proto::ScanRequest BlockScan() {
+  static_pattern_matching_proto::ScanRequest request;
+  request.add_rule_type(static_pattern_matching_proto::Block);
+  return request;
+}
+
 std::string Verdict(const agent::ScanAnswer& answer) {
   if (answer.error) {
     return answer.error->what();
@@ -107,12 +113,9 @@ static_pattern_matching_proto::ScanResult RunningDaemon::ScanText(std::string_vi
   return response.results().at(0);
 }
 
-std::string RunningDaemon::Verdict(std::string_view content) {
-  const ManagedFD file = MakeFile(content);
-  static_pattern_matching_proto::ScanRequest request;
-  request.add_rule_type(static_pattern_matching_proto::Block);
-  return test::Verdict(client_.Scan(file.Get(), request, kAnswerTimeout));
-}
+std::string RunningDaemon::Verdict(std::string_view content) { return Verdict(MakeFile(content).Get()); }
+
+std::string RunningDaemon::Verdict(int fd) { return test::Verdict(client_.Scan(fd, BlockScan(), kAnswerTimeout)); }
 
 std::vector<std::string> RunningDaemon::Log() {
   const MutexLock lock(mutex_);
