@@ -6,6 +6,7 @@
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include "tests/support/running_daemon.h"
 #include "tests/support/test_support.h"
@@ -392,15 +394,33 @@ TEST(BadInput, CommandLines) {
   const ManagedFD socket(pair[0]);
   ManagedFD(pair[1]).Reset();
   const fs::path folder = testing::TempDir() + "vond-bad-input-" + std::to_string(::getpid());
+  fs::remove_all(folder);
   fs::create_directories(folder / "empty");
   for (const auto& [word, content] : table.Words()) {
     if (word.starts_with("!file ")) {
-      std::ofstream(folder / word.substr(6)) << table.Expand(content);
+      const fs::path path = folder / table.Expand(word.substr(6));
+      fs::create_directories(path.parent_path());
+      std::ofstream(path) << table.Expand(content);
     }
   }
+  for (const char* const parent : {".", "tree"}) {
+    ASSERT_EQ(::mkfifo((folder / parent / "pipe").c_str(), 0600), 0);
+  }
+  fs::create_symlink("tree/beta", folder / "link");
+  fs::create_symlink("alpha", folder / "tree/link");
+  std::jthread writer([&folder](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      std::ofstream(folder / "growing", std::ios::app) << '.';
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  });
   const auto expect = [&](const std::string& text, const std::string& cell) {
     const std::string expected = table.Expand(cell);
-    EXPECT_EQ(expected.ends_with("...") ? text.substr(0, expected.size() - 3) + "..." : text, expected);
+    const std::size_t dots = std::min(expected.find("..."), expected.size());
+    EXPECT_TRUE(dots == expected.size()
+                    ? text == expected
+                    : text.starts_with(expected.substr(0, dots)) && text.ends_with(expected.substr(dots + 3)))
+        << text << "instead of " << expected;
   };
   for (const auto& row : table.Rows()) {
     SCOPED_TRACE(row.at(0));
@@ -417,6 +437,8 @@ TEST(BadInput, CommandLines) {
     expect(Replace(result.out, folder / "", "%"), row.at(2));
     expect(Replace(Replace(result.err, arguments[0], name), folder / "", "%"), row.at(3));
   }
+  writer.request_stop();
+  writer.join();
   fs::remove_all(folder);
 }
 
