@@ -59,6 +59,7 @@ std::string Replace(std::string text, const std::string& from, const std::string
 }
 
 // A table of tests/data, its notation being: ~ is a newline, <<7c 0a>> are bytes, <<100*x>> is a text that many times,
+// with the number of times left for #,
 // <<!word x>> is what a line "!word | text" of the table says, with x where a question mark stands.
 class Table {
  public:
@@ -91,7 +92,7 @@ class Table {
         text += Bytes(inner);
       } else {
         for (std::size_t i = std::stoul(inner); i > 0; --i) {
-          text += inner.substr(star + 1);
+          text += Replace(inner.substr(star + 1), "#", std::to_string(i));
         }
       }
     }
