@@ -105,14 +105,6 @@ bool RunningDaemon::SetRules(const std::vector<std::string>& rules, const std::s
   return Ask(request, fds).config_result().success();
 }
 
-static_pattern_matching_proto::ScanResult RunningDaemon::ScanText(std::string_view content) {
-  const ManagedFD file = MakeFile(content);
-  const auto response = ParseScan(Ask(MakeScan(0, {0}), {file.Get()}));
-  EXPECT_EQ(response.status(), static_pattern_matching_proto::ResponseStatus_Success);
-  EXPECT_EQ(response.results().count(0), 1U);
-  return response.results().at(0);
-}
-
 std::string RunningDaemon::Verdict(std::string_view content) { return Verdict(MakeFile(content).Get()); }
 
 std::string RunningDaemon::Verdict(int fd) { return test::Verdict(client_.Scan(fd, BlockScan(), kAnswerTimeout)); }
@@ -127,11 +119,6 @@ bool RunningDaemon::WaitForLog(const std::string& line) {
     const std::vector<std::string> log = Log();
     return std::find(log.begin(), log.end(), line) != log.end();
   });
-}
-
-void RunningDaemon::ClearLog() {
-  const MutexLock lock(mutex_);
-  log_.clear();
 }
 
 }  // namespace vond::test

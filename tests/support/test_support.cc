@@ -158,15 +158,13 @@ ChildResult RunChild(const std::vector<std::string>& arguments, const std::vecto
 
   ChildResult result;
   int status = 0;
-  result.timed_out = !WaitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout);
-  if (result.timed_out) {
+  if (!WaitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) {
     ::kill(pid, SIGKILL);
     ::waitpid(pid, &status, 0);
   }
   result.out = Content(out);
   result.err = Content(err);
-  result.signaled = WIFSIGNALED(status);
-  result.signal = result.signaled ? WTERMSIG(status) : 0;
+  result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
   result.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
 }
