@@ -4,16 +4,15 @@
 #include <Poco/Crypto/Cipher.h>
 #include <Poco/Crypto/CipherFactory.h>
 #include <Poco/Crypto/CipherKey.h>
-#include <Poco/DeflatingStream.h>
 #include <Poco/Exception.h>
 #include <zlib.h>
 
 #include <optional>
-#include <sstream>
 #include <string>
 
 #include "fuzz/fuzz_support.h"
 #include "static_pattern_matching/rule_set_decoder.h"
+#include "tests/support/packed_rules.h"
 #include "utils/rule_set_file.h"
 
 namespace {
@@ -24,20 +23,6 @@ using vond::fuzz::Require;
 
 constexpr std::size_t kMaxText = 65536;
 enum Flag : unsigned { kCompress = 1, kEncrypt = 2, kDamagePlain = 4, kDamageFile = 8 };
-
-Poco::Crypto::Cipher::Ptr MakeCipher() {
-  const std::string_view key = korvo::utils::kPackedRuleSetKey;
-  return Poco::Crypto::CipherFactory::defaultFactory().createCipher(Poco::Crypto::CipherKey(
-      korvo::utils::kPackedRuleSetCipher, Poco::Crypto::CipherKey::ByteVec(key.begin(), key.end()), {}));
-}
-
-std::string Gzip(const std::string& text) {
-  std::ostringstream packed;
-  Poco::DeflatingOutputStream deflating(packed, Poco::DeflatingStreamBuf::STREAM_GZIP);
-  deflating << text;
-  deflating.close();
-  return packed.str();
-}
 
 // The text of what is exactly one gzip member of at most kMaxText bytes of text, in one call.
 std::optional<std::string> Gunzip(std::string packed) {
@@ -59,8 +44,12 @@ std::optional<std::string> Expected(const std::string& file) {
   if (!file.starts_with(kPackedRuleSetMark)) {
     return file;
   }
+  const std::string_view key = korvo::utils::kPackedRuleSetKey;
+  using ByteVec = Poco::Crypto::CipherKey::ByteVec;
+  const Poco::Crypto::CipherKey cipher_key(korvo::utils::kPackedRuleSetCipher, ByteVec(key.begin(), key.end()), {});
   try {
-    return Gunzip(MakeCipher()->decryptString(file.substr(kPackedRuleSetMark.size())));
+    Poco::Crypto::Cipher::Ptr cipher = Poco::Crypto::CipherFactory::defaultFactory().createCipher(cipher_key);
+    return Gunzip(cipher->decryptString(file.substr(kPackedRuleSetMark.size())));
   } catch (const Poco::Exception&) {
     return std::nullopt;
   }
@@ -98,12 +87,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Input damages(reinterpret_cast<const std::uint8_t*>(six.data()), six.size());
   const std::string text(input.TakeRest());
 
-  std::string file = (flags & kCompress) != 0 ? Gzip(text) : text;
+  std::string file = (flags & kCompress) != 0 ? vond::test::Gzip(text) : text;
   if ((flags & kDamagePlain) != 0) {
     Damage(damages, file);
   }
   if ((flags & kEncrypt) != 0) {
-    file = std::string(kPackedRuleSetMark) + MakeCipher()->encryptString(file);
+    file = vond::test::Encrypt(file);
   }
   if ((flags & kDamageFile) != 0) {
     Damage(damages, file);

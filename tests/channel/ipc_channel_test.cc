@@ -29,16 +29,16 @@ using vond::test::CaptureOutput;
 using vond::test::MakeFile;
 using vond::test::OpenDescriptors;
 
-std::array<int, 2> MakePair(int type) {
+std::array<int, 2> MakePair() {
   korvo_common::SignalDispatcher::Block(SIGPIPE);
   std::array<int, 2> fds{};
-  EXPECT_EQ(::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, fds.data()), 0);
+  EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds.data()), 0);
   return fds;
 }
 
 // Both ends of a connection, and what one Receive needs.
 struct Ends {
-  explicit Ends(int type = SOCK_SEQPACKET) : pair(MakePair(type)), channel(pair[0]), peer(new IpcChannel(pair[1])) {}
+  Ends() : pair(MakePair()), channel(pair[0]), peer(new IpcChannel(pair[1])) {}
   Ends& Hangup() { return peer.reset(), *this; }
   Ends& Put(const std::string& packet, const std::vector<int>& files = {}) {
     EXPECT_EQ(files.empty() ? peer->Send(packet.data(), packet.size())
@@ -147,18 +147,6 @@ TEST(IpcChannel, FailuresReturnTheirCodeAndLogTheirLine) {
   }
 }
 
-TEST(IpcChannel, ShortWriteIsAnError) {
-  Ends ends(SOCK_STREAM);
-  ::fcntl(ends.pair[0], F_SETFL, O_NONBLOCK);
-  std::string text(1 << 20, 'x');
-  int result = 0;
-  const std::string log = CaptureOutput(STDOUT_FILENO, [&] { result = ends.Send(text); });
-  EXPECT_EQ(result, -EIO);
-  const std::string sent = std::to_string(::recv(ends.pair[1], text.data(), text.size(), 0));
-  EXPECT_EQ(log, "ERROR Failed to send data, buf_size=1048576, sent=" + sent + "\n");
-  EXPECT_EQ(ends.channel.SendWithFds(text.data(), text.size(), {0}), 0) << "not noticed when descriptors go along";
-}
-
 TEST(IpcChannel, PacketsArriveWholeWithTheirDescriptors) {
   Ends ends;
   const ManagedFD file = MakeFile("content");
@@ -180,25 +168,6 @@ TEST(IpcChannel, PacketsArriveWholeWithTheirDescriptors) {
     ends.CloseReceived();
     EXPECT_EQ(OpenDescriptors(), before);
   }
-}
-
-TEST(IpcChannel, MessagesArriveAsTheyWere) {
-  Ends ends;
-  const std::set<int> before = OpenDescriptors();
-  ends.message.mutable_header()->set_id(5);
-  ASSERT_EQ(ends.peer->SendMessage(ends.message), 0);
-  ASSERT_EQ(ends.peer->SendMessageWithFds(ends.message, {0, 1}), 0);
-  ASSERT_EQ(ends.peer->SendMessageWithFds(korvo_daemon::Request(), {0}), 0);
-  ASSERT_EQ(ends.Receive(), 0);
-  EXPECT_EQ(std::string(ends.buffer.data(), ends.received), "\x0a\x02\x10\x05") << "nothing around the message";
-  ends.message.Clear();
-  for (const bool is_empty : {false, true}) {
-    ASSERT_EQ(ends.ReceiveMessage(), 0);
-    EXPECT_EQ(ends.message.header().id(), is_empty ? 0U : 5U);
-    EXPECT_EQ(ends.fds.size(), is_empty ? 1U : 2U);
-    ends.CloseReceived();
-  }
-  EXPECT_EQ(OpenDescriptors(), before);
 }
 
 TEST(IpcChannel, MessagesThatDoNotParseLoseTheirDescriptors) {

@@ -4,10 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <thread>
@@ -15,6 +13,7 @@
 
 #include "agent/client.h"
 #include "agent/rule_packer.h"
+#include "tests/support/running_daemon.h"
 #include "tests/support/test_support.h"
 
 namespace vond::agent {
@@ -22,10 +21,10 @@ namespace {
 
 using auto_resources::ManagedFD;
 using korvo_daemon::Request;
-using static_pattern_matching_proto::ScanRequest;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
+using test::BlockScan;
 using test::MakeFile;
 using test::OpenDescriptors;
 using test::WaitUntil;
@@ -64,17 +63,10 @@ void Apply(Client& client, const std::string& rules, std::uint32_t max_sample_si
   const ManagedFD file = MakeFile(rules);
   Policy policy;
   policy.document.set_max_sample_size(max_sample_size);
-  policy.document.add_rule_sets()->set_file_type(1);
+  policy.document.add_rule_sets();
   policy.rule_set_fds = {file.Get()};
   policy.log_level = log_level;
   client.ApplyPolicy(policy, kLong);
-}
-
-ScanRequest BlockScan() {
-  ScanRequest request;
-  request.set_file_type(1);
-  request.add_rule_type(static_pattern_matching_proto::Block);
-  return request;
 }
 
 Request Stats() {
@@ -98,20 +90,7 @@ void Stop(Client& client) {
 
 std::string End(const std::optional<Error>& error) { return error ? ErrorName(error->Code()) : "answered"; }
 
-// The kind of the error or the names of the rules that matched.
-std::string Verdict(const ScanAnswer& answer) {
-  if (answer.error) {
-    return End(answer.error);
-  }
-  std::string names;
-  for (const auto& [rule_type, entry] : answer.response.results()) {
-    names += entry.status() != 0 || entry.result().error() != 0 ? "not scanned" : "";
-    for (const auto& rule : entry.result().matched_rules()) {
-      names += rule.name();
-    }
-  }
-  return names;
-}
+std::string Verdict(const ScanAnswer& answer) { return answer.error ? End(answer.error) : test::Verdict(answer); }
 
 // The ends of asynchronous requests, by the requests' names. One that ended twice would stand here twice.
 class Ends {
@@ -177,35 +156,15 @@ TEST(AgentClient, PairsAnswersWithRequestsOfManyThreads) {
   EXPECT_EQ(waited, "send_failed send_failed");
 }
 
-TEST(AgentClient, RefusesFilesThatWouldNotBeScanned) {
+// What else would not be scanned is in tests/data/bad_descriptors.txt.
+TEST(AgentClient, RefusesFilesThatAreTooLargeOrClosed) {
   Client client(Vond());
   Apply(client, Rules(1), 100);
-  std::array<int, 2> pipe{};
-  std::array<int, 2> sockets{};
-  ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets.data()), 0);
-  const ManagedFD memory = MakeFile("r0;");
-  const auto open = [](const std::string& path, int flags) { return ::open(path.c_str(), flags | O_CLOEXEC); };
-  const auto reopen = [&](int flags) { return open("/proc/self/fd/" + std::to_string(memory.Get()), flags); };
-  const auto padded = [](std::size_t size) { return MakeFile(std::string(size - 3, ' ') + "r0;").Release(); };
-  const std::tuple<const char*, int, const char*> rows[] = {
-      {"closed", 9999, "bad_descriptor"},
-      {"path only", reopen(O_PATH), "bad_descriptor"},
-      {"write-only", reopen(O_WRONLY), "bad_descriptor"},
-      {"directory", open("/", O_RDONLY), "not_regular_file"},
-      {"pipe", pipe[0], "not_regular_file"},
-      {"socket", sockets[0], "not_regular_file"},
-      {"device", open("/dev/null", O_RDONLY), "not_regular_file"},
-      {"made up by the kernel", open("/proc/self/status", O_RDONLY), "not_regular_file"},
-      {"too large", padded(101), "file_too_large"},
-      {"just not too large", padded(100), "r0"},
-      {"read and write", reopen(O_RDWR), "r0"},
-      {"empty", MakeFile("").Release(), ""}};
-  for (const auto& [name, fd, verdict] : rows) {
-    EXPECT_EQ(Verdict(client.Scan(fd, BlockScan(), kLong)), verdict) << name;
-    ::close(fd);
-  }
-  const ManagedFD device(open("/dev/zero", O_RDONLY));
+  const auto verdict = [&](int fd) { return Verdict(client.Scan(fd, BlockScan(), kLong)); };
+  EXPECT_EQ(verdict(MakeFile("r0;" + std::string(98, ' ')).Get()), "file_too_large");
+  EXPECT_EQ(verdict(MakeFile("r0;" + std::string(97, ' ')).Get()), "r0");
+  EXPECT_EQ(verdict(9999), "bad_descriptor");
+  const ManagedFD device(::open("/dev/zero", O_RDONLY | O_CLOEXEC));
   Policy rules_of_a_device;
   rules_of_a_device.rule_set_fds = {device.Get()};
   EXPECT_THROW(client.ApplyPolicy(rules_of_a_device, kLong), Error);
@@ -241,7 +200,7 @@ TEST(AgentClient, TellsWhyAPolicyWasRefused) {
   };
   Client client(options);
   Apply(client, Rules(1));
-  const std::string good = R"({"max_sample_size": 1, "rule_sets": [{"file_type": 1, "fd_index": 0}]})";
+  const std::string good = R"({"max_sample_size": 1, "rule_sets": [{}]})";
   const std::tuple<const char*, std::string, const char*, std::size_t, const char*, const char*> rows[] = {
       {"bad rule", good, "rule x { condition: $b }", 1, "policy_refused", "undefined string \"$b\""},
       {"bad index", good, "", 0, "policy_refused", "ProcessConfig failed with error: vector::_M_range_check"},
@@ -267,7 +226,7 @@ TEST(AgentClient, TellsWhyAPolicyWasRefused) {
 
   const ManagedFD rules = MakeFile(Rules(1));
   Policy policy;
-  policy.json = R"({"max_sample_size": "2", "of_a_newer_agent": {}, "rule_sets": [{"file_type": 1}]})";
+  policy.json = R"({"max_sample_size": "2", "of_a_newer_agent": {}, "rule_sets": [{}]})";
   policy.rule_set_fds = {rules.Get()};
   policy.log_level = 0;
   client.ApplyPolicy(policy, kLong);
@@ -506,23 +465,9 @@ TEST(DaemonProcess, EndsWhateverTheChildDoes) {
     EXPECT_EQ(::waitpid(pid, nullptr, WNOHANG), -1) << script;
     EXPECT_EQ(OpenDescriptors(), before) << script;
   }
-}
-
-TEST(DaemonProcess, AFailedStartNamesPathAndReasonAndLeavesNothing) {
-  const std::set<int> before = OpenDescriptors();
-  const std::pair<const char*, int> rows[] = {{"/nowhere/vond", ENOENT}, {"/etc", EACCES}, {"/etc/passwd", EACCES}};
-  for (const auto& [path, error] : rows) {
-    DaemonOptions options;
-    options.executable = path;
-    try {
-      const Client client(options);
-      ADD_FAILURE() << path << " was started";
-    } catch (const Error& e) {
-      EXPECT_EQ(e.Code(), ErrorCode::kStartFailed);
-      EXPECT_EQ(e.what(), "cannot start " + std::string(path) + ": " + std::strerror(error));
-      EXPECT_EQ(e.SysErrno(), error);
-    }
-  }
+  DaemonOptions options;
+  options.executable = "/etc";
+  EXPECT_THROW(DaemonProcess{options}, Error);
   EXPECT_EQ(OpenDescriptors(), before);
   EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);  // no child, not even a dead one
 }

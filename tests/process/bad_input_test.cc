@@ -6,6 +6,7 @@
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include "tests/support/running_daemon.h"
 #include "tests/support/test_support.h"
@@ -57,6 +59,7 @@ std::string Replace(std::string text, const std::string& from, const std::string
 }
 
 // A table of tests/data, its notation being: ~ is a newline, <<7c 0a>> are bytes, <<100*x>> is a text that many times,
+// with the number of times left for #,
 // <<!word x>> is what a line "!word | text" of the table says, with x where a question mark stands.
 class Table {
  public:
@@ -72,6 +75,7 @@ class Table {
     std::printf("%s: %zu rows\n", name.c_str(), rows_.size());
   }
   [[nodiscard]] const std::vector<std::vector<std::string>>& Rows() const { return rows_; }
+  [[nodiscard]] const std::map<std::string, std::string>& Words() const { return words_; }
 
   [[nodiscard]] std::string Expand(const std::string& cell) const {
     std::string text;
@@ -88,7 +92,7 @@ class Table {
         text += Bytes(inner);
       } else {
         for (std::size_t i = std::stoul(inner); i > 0; --i) {
-          text += inner.substr(star + 1);
+          text += Replace(inner.substr(star + 1), "#", std::to_string(i));
         }
       }
     }
@@ -243,13 +247,13 @@ void CheckPolicies(const Table& table, const std::function<std::string(Daemon&, 
 TEST(BadInput, Documents) {
   const ManagedFD a = MakeFile(kRuleA);
   const ManagedFD b = MakeFile(kRuleB);
-  CheckPolicies(Table("bad_documents.txt", 140), [&](Daemon& daemon, const std::string& document) {
+  CheckPolicies(Table("bad_documents.txt", 150), [&](Daemon& daemon, const std::string& document) {
     return daemon.AskWithoutHeader(ConfigPacket(document), {a.Get(), b.Get()});
   });
 }
 
 TEST(BadInput, Rules) {
-  CheckPolicies(Table("bad_rules.txt", 130), [](Daemon& daemon, const std::string& source) {
+  CheckPolicies(Table("bad_rules.txt", 140), [](Daemon& daemon, const std::string& source) {
     const std::string document = R"({"yara_timeout_in_seconds":2,"rule_sets":[{}]})";
     return daemon.AskWithoutHeader(ConfigPacket(document), {MakeFile(source).Get()});
   });
@@ -314,9 +318,9 @@ std::vector<ManagedFD> OpenDescriptorsOfKind(const std::string& kind, std::vecto
     std::array<int, 2> pair{};
     return ::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, pair.data()) == 0 ? one_of(pair, 0) : -1;
   };
-  const auto sparse = [] {
+  const auto sparse = [](off_t size) {
     const int fd = ::memfd_create("test", MFD_CLOEXEC);
-    return ::ftruncate(fd, off_t{64} << 30) == 0 ? fd : -1;
+    return ::ftruncate(fd, size) == 0 ? fd : -1;
   };
   const auto sealed = [&] {
     const int fd = ::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
@@ -326,7 +330,8 @@ std::vector<ManagedFD> OpenDescriptorsOfKind(const std::string& kind, std::vecto
   const std::map<std::string, std::function<int()>> kinds{
       {"half-read memfd", [&] { return ::lseek(file.Get(), 20, SEEK_SET) == 20 ? ::dup(file.Get()) : -1; }},
       {"empty memfd", [] { return ::memfd_create("test", MFD_CLOEXEC); }},
-      {"sparse memfd of 64 GiB", sparse},
+      {"sparse memfd of 64 GiB", [&] { return sparse(off_t{64} << 30); }},
+      {"sparse memfd of 0x7ffff001 bytes", [&] { return sparse(0x7ffff001); }},
       {"sealed memfd", sealed},
       {"reading end of a pipe", [&] { return pipe_end(0); }},
       {"writing end of a pipe", [&] { return pipe_end(1); }},
@@ -336,7 +341,8 @@ std::vector<ManagedFD> OpenDescriptorsOfKind(const std::string& kind, std::vecto
       {"timerfd", [] { return ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC); }},
       {"epoll", [] { return ::epoll_create1(EPOLL_CLOEXEC); }},
       {"inotify", [] { return ::inotify_init1(IN_CLOEXEC); }}};
-  static const std::map<std::string, int> kFlags{{"read", O_RDONLY}, {"write", O_WRONLY}, {"path", O_PATH}};
+  static const std::map<std::string, int> kFlags{
+      {"read", O_RDONLY}, {"write", O_WRONLY}, {"both", O_RDWR}, {"path", O_PATH}};
   const std::vector<std::string> words = Split(kind, ' ');
   std::vector<ManagedFD> sent;
   if (kFlags.contains(words.back())) {  // a path and how it is opened
@@ -355,6 +361,8 @@ std::vector<ManagedFD> OpenDescriptorsOfKind(const std::string& kind, std::vecto
 TEST(BadInput, Descriptors) {
   const Table table("bad_descriptors.txt", 25);
   Daemon daemon(kRuleA);
+  RunningDaemon guarded;
+  ASSERT_TRUE(guarded.SetRules({kRuleA}, "\"yara_timeout_in_seconds\":1,"));
   for (const auto& row : table.Rows()) {
     SCOPED_TRACE(row.at(0));
     std::vector<ManagedFD> kept;
@@ -372,23 +380,49 @@ TEST(BadInput, Descriptors) {
     if (accepted) {
       daemon.InstallRules(kRuleA);
     }
+    if (sent.size() == 1) {
+      EXPECT_EQ(Replace(guarded.Verdict(fds[0]), "descriptor " + std::to_string(fds[0]) + " is ", ""), row.at(4));
+    }
     ASSERT_NO_FATAL_FAILURE(daemon.ExpectServing());
   }
 }
 
 TEST(BadInput, CommandLines) {
   namespace fs = std::filesystem;
-  const Table table("bad_command_lines.txt", 90);
+  const Table table("bad_command_lines.txt", 110);
   std::array<int, 2> pair{};
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
   const ManagedFD socket(pair[0]);
   ManagedFD(pair[1]).Reset();
   const fs::path folder = testing::TempDir() + "vond-bad-input-" + std::to_string(::getpid());
+  fs::remove_all(folder);
   fs::create_directories(folder / "empty");
-  for (const auto& [name, content] : std::map<std::string, std::string>{
-           {"a.yar", kRuleA}, {"broken.yar", "rule {"}, {"alpha", "alpha"}, {"bad.json", "{"}, {"list.json", "[]"}}) {
-    std::ofstream(folder / name) << content;
+  for (const auto& [word, content] : table.Words()) {
+    if (word.starts_with("!file ")) {
+      const fs::path path = folder / table.Expand(word.substr(6));
+      fs::create_directories(path.parent_path());
+      std::ofstream(path) << table.Expand(content);
+    }
   }
+  for (const char* const parent : {".", "tree"}) {
+    ASSERT_EQ(::mkfifo((folder / parent / "pipe").c_str(), 0600), 0);
+  }
+  fs::create_symlink("tree/beta", folder / "link");
+  fs::create_symlink("alpha", folder / "tree/link");
+  std::jthread writer([&folder](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      std::ofstream(folder / "growing", std::ios::app) << '.';
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  });
+  const auto expect = [&](const std::string& text, const std::string& cell) {
+    const std::string expected = table.Expand(cell);
+    const std::size_t dots = std::min(expected.find("..."), expected.size());
+    EXPECT_TRUE(dots == expected.size()
+                    ? text == expected
+                    : text.starts_with(expected.substr(0, dots)) && text.ends_with(expected.substr(dots + 3)))
+        << text << "instead of " << expected;
+  };
   for (const auto& row : table.Rows()) {
     SCOPED_TRACE(row.at(0));
     std::vector<std::string> arguments = Split(row.at(0), ' ');
@@ -401,12 +435,11 @@ TEST(BadInput, CommandLines) {
     const bool aborts = row.at(1) == "aborts";
     EXPECT_EQ(result.signal, aborts ? SIGABRT : 0);
     EXPECT_EQ(result.exit_status, aborts ? -1 : std::stoi(row.at(1)));
-    EXPECT_EQ(Replace(result.out, folder / "", "%"), table.Expand(row.at(2)));
-    const std::string err = Replace(Replace(result.err, arguments[0], name), folder / "", "%");
-    const std::string expected = table.Expand(row.at(3));
-    const bool whole = !expected.ends_with("...");
-    EXPECT_EQ(whole ? err : err.substr(0, expected.size() - 3) + "...", expected);
+    expect(Replace(result.out, folder / "", "%"), row.at(2));
+    expect(Replace(Replace(result.err, arguments[0], name), folder / "", "%"), row.at(3));
   }
+  writer.request_stop();
+  writer.join();
   fs::remove_all(folder);
 }
 

@@ -29,6 +29,12 @@ korvo_daemon::Request MakeScan(std::int32_t file_type, const std::vector<int>& r
   return request;
 }
 
+static_pattern_matching_proto::ScanRequest BlockScan() {
+  static_pattern_matching_proto::ScanRequest request;
+  request.add_rule_type(static_pattern_matching_proto::Block);
+  return request;
+}
+
 std::string Verdict(const agent::ScanAnswer& answer) {
   if (answer.error) {
     return answer.error->what();
@@ -99,20 +105,9 @@ bool RunningDaemon::SetRules(const std::vector<std::string>& rules, const std::s
   return Ask(request, fds).config_result().success();
 }
 
-static_pattern_matching_proto::ScanResult RunningDaemon::ScanText(std::string_view content) {
-  const ManagedFD file = MakeFile(content);
-  const auto response = ParseScan(Ask(MakeScan(0, {0}), {file.Get()}));
-  EXPECT_EQ(response.status(), static_pattern_matching_proto::ResponseStatus_Success);
-  EXPECT_EQ(response.results().count(0), 1U);
-  return response.results().at(0);
-}
+std::string RunningDaemon::Verdict(std::string_view content) { return Verdict(MakeFile(content).Get()); }
 
-std::string RunningDaemon::Verdict(std::string_view content) {
-  const ManagedFD file = MakeFile(content);
-  static_pattern_matching_proto::ScanRequest request;
-  request.add_rule_type(static_pattern_matching_proto::Block);
-  return test::Verdict(client_.Scan(file.Get(), request, kAnswerTimeout));
-}
+std::string RunningDaemon::Verdict(int fd) { return test::Verdict(client_.Scan(fd, BlockScan(), kAnswerTimeout)); }
 
 std::vector<std::string> RunningDaemon::Log() {
   const MutexLock lock(mutex_);
@@ -124,11 +119,6 @@ bool RunningDaemon::WaitForLog(const std::string& line) {
     const std::vector<std::string> log = Log();
     return std::find(log.begin(), log.end(), line) != log.end();
   });
-}
-
-void RunningDaemon::ClearLog() {
-  const MutexLock lock(mutex_);
-  log_.clear();
 }
 
 }  // namespace vond::test

@@ -27,16 +27,14 @@ class RunningDaemon {
   /// the document ("\"yara_timeout_in_seconds\":1,"). Returns whether it was accepted.
   [[nodiscard]] bool SetRules(const std::vector<std::string>& rules, const std::string& json = "",
                               std::uint32_t log_level = 6);
-  /// Scans `content` as file type 0 for block rules and returns that result.
-  [[nodiscard]] static_pattern_matching_proto::ScanResult ScanText(std::string_view content);
-  /// The verdict on `content` as file type 0.
+  /// The verdict on `content`, or on the open file `fd`, as file type 0.
   [[nodiscard]] std::string Verdict(std::string_view content);
+  [[nodiscard]] std::string Verdict(int fd);
 
   /// Standard output so far, line by line.
   [[nodiscard]] std::vector<std::string> Log() EXCLUDES(mutex_);
   /// Waits for a line of the log; false if it does not come.
   [[nodiscard]] bool WaitForLog(const std::string& line);
-  void ClearLog() EXCLUDES(mutex_);
 
  private:
   korvo::utils::Mutex mutex_;
@@ -48,6 +46,8 @@ class RunningDaemon {
 /// no answer.
 [[nodiscard]] std::string Verdict(const agent::ScanAnswer& answer);
 
+/// A scan for block rules, as file type 0.
+[[nodiscard]] static_pattern_matching_proto::ScanRequest BlockScan();
 /// A request to scan its first descriptor.
 [[nodiscard]] korvo_daemon::Request MakeScan(std::int32_t file_type, const std::vector<int>& rule_types);
 /// The scan response in an answer; fails the test if it is none.

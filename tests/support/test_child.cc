@@ -1,21 +1,17 @@
 // Scenes that need a process of their own, because they end it or change what the whole process shares. Each is named
-// on the command line, takes one number, and is judged by how it ends and what it wrote.
+// on the command line, takes one number, and is judged by how it ends and what it wrote. failing_calls.cc is preloaded.
 
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -23,43 +19,12 @@
 
 #include "korvo_common/scan_fault_guard.h"
 #include "korvo_common/signal_dispatcher.h"
-#include "static_pattern_matching/ksd_main.h"
 
 namespace {
 
 using korvo_common::ScanFaultPause;
 using korvo_common::ScanFaultScope;
 using korvo_common::SignalDispatcher;
-
-struct Argument {
-  int index;
-  int value;
-};
-
-// From here on the kernel answers system call `number` with `error` (0: it returns 0) instead of doing it, when its
-// arguments are as given. Of two rules for a call the later one counts.
-void Deny(int number, int error, Argument first = {-2, 0}, Argument second = {-2, 0}) {
-  const auto load = [](int index) {  // the call's number is at 0, its arguments start at 16
-    return sock_filter{BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<unsigned>(16 + 8 * index)};
-  };
-  const auto compare = [number](Argument argument, unsigned char steps_to_end) {
-    const int value = argument.index < 0 ? number : argument.value;
-    return sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 0, steps_to_end, static_cast<unsigned>(value)};
-  };
-  std::array<sock_filter, 8> filter{
-      load(-2),
-      compare({-2, 0}, 5),
-      load(first.index),
-      compare(first, 3),
-      load(second.index),
-      compare(second, 1),
-      sock_filter{BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)},
-      sock_filter{BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW}};
-  const sock_fprog program{filter.size(), filter.data()};
-  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-    std::perror("seccomp");
-  }
-}
 
 // Writes the text of what `action` throws, or "accepted".
 template <typename Action, typename... Arguments>
@@ -89,7 +54,7 @@ void Refusals(int /*unused*/) {
     Attempt(add, signum);  // a failure leaves nothing behind: the second SIGKILL is no duplicate
   }
   Attempt(remove, SIGSYS);
-  Deny(SYS_rt_sigaction, EPERM, {0, SIGTERM});
+  ::setenv("VOND_FAIL", "sigaction:1:1", 1);
   Attempt(remove, SIGTERM);
   Attempt(add, SIGTERM);  // still registered
 }
@@ -137,33 +102,10 @@ void FullPipe(int signals) {
   for (int i = 0; i < signals; i = calls == i + 1 ? calls : signals) {
     SignalDispatcher::Instance().Dispatch();
   }
-  std::printf("%d", calls);
-  Deny(SYS_write, 0, {2, sizeof(siginfo_t)});
+  ::setenv("VOND_FAIL", "write:1:0", 1);  // this one is written in two parts
   ::raise(SIGUSR1);
-}
-
-// The daemon, hit by `signum` as soon as it stands; 0 is a real fault.
-void Daemon(int signum) {
-  static int hit;
-  hit = signum;
-  struct sigaction alarm {};
-  alarm.sa_handler = [](int) {
-    SignalDispatcher::SetMask(SIG_UNBLOCK, SIGSEGV);  // sanitizers block everything in handlers
-    struct sigaction last {};
-    ::sigaction(SIGTERM, nullptr, &last);
-    if (last.sa_handler == SIG_DFL) {
-      ::ualarm(5000, 0);  // look again
-    } else {
-      hit == 0 ? NullWrite() : static_cast<void>(::raise(hit));
-    }
-  };
-  ::sigaction(SIGALRM, &alarm, nullptr);
-  ::ualarm(5000, 0);
-  std::array<int, 2> ends{};
-  ::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data());
-  std::array<std::string, 3> arguments{"vond", "-c", std::to_string(ends[0]) + ":requests"};
-  std::array<char*, 4> argv{arguments[0].data(), arguments[1].data(), arguments[2].data(), nullptr};
-  korvo::static_pattern_matching_daemon::ksd_main(3, argv.data());
+  SignalDispatcher::Instance().Dispatch();
+  std::printf("%d", calls);
 }
 
 void SecondHandler(int /*unused*/) {
@@ -266,15 +208,10 @@ void FaultDuringScan(int kind) {
 
 #define SCENE(name) \
   { #name, &(name) }
-const std::map<std::string, void (*)(int)> scenes = {SCENE(Refusals),
-                                                     SCENE(Calls),
-                                                     SCENE(FullPipe),
-                                                     SCENE(Daemon),
-                                                     SCENE(SecondHandler),
-                                                     SCENE(FaultInHandler),
-                                                     SCENE(FaultInHandlerDuringScan),
-                                                     SCENE(ReadDuringScan),
-                                                     SCENE(FaultDuringScan)};
+const std::map<std::string, void (*)(int)> scenes = {SCENE(Refusals),       SCENE(Calls),
+                                                     SCENE(FullPipe),       SCENE(SecondHandler),
+                                                     SCENE(FaultInHandler), SCENE(FaultInHandlerDuringScan),
+                                                     SCENE(ReadDuringScan), SCENE(FaultDuringScan)};
 
 }  // namespace
 

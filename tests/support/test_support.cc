@@ -3,13 +3,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -25,42 +23,12 @@ namespace {
 using auto_resources::ManagedFD;
 using std::chrono::steady_clock;
 
-struct Pipe {
-  Pipe() {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-      throw std::runtime_error("pipe2 failed");
-    }
-    read_end.Reset(ends[0]);
-    write_end.Reset(ends[1]);
+std::string Content(const ManagedFD& file) {
+  std::string text(static_cast<std::size_t>(::lseek(file.Get(), 0, SEEK_END)), '\0');
+  if (::pread(file.Get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+    throw std::runtime_error("reading the captured output failed");
   }
-  ManagedFD read_end;
-  ManagedFD write_end;
-};
-
-// Reads both pipes to their end, or until `deadline`. Returns whether both ended.
-bool ReadBoth(int out_fd, int err_fd, steady_clock::time_point deadline, ChildResult& result) {
-  std::array<pollfd, 2> fds{pollfd{out_fd, POLLIN, 0}, pollfd{err_fd, POLLIN, 0}};
-  const std::array<std::string*, 2> texts{&result.out, &result.err};
-  while (fds[0].fd >= 0 || fds[1].fd >= 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady_clock::now());
-    if (left.count() <= 0 || ::poll(fds.data(), fds.size(), static_cast<int>(left.count())) < 0) {
-      return false;
-    }
-    for (std::size_t i = 0; i < fds.size(); ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) {
-        continue;
-      }
-      std::array<char, 4096> buffer{};
-      const ssize_t count = ::read(fds[i].fd, buffer.data(), buffer.size());
-      if (count <= 0) {
-        fds[i].fd = -1;
-      } else {
-        texts[i]->append(buffer.data(), static_cast<std::size_t>(count));
-      }
-    }
-  }
-  return true;
+  return text;
 }
 
 std::vector<char*> Pointers(std::vector<std::string>& strings) {
@@ -119,12 +87,7 @@ std::string CaptureOutput(int fd, const std::function<void()>& action) {
   if (exception) {
     std::rethrow_exception(exception);
   }
-  const off_t size = ::lseek(file.Get(), 0, SEEK_END);
-  std::string text(static_cast<std::size_t>(size), '\0');
-  if (::pread(file.Get(), text.data(), text.size(), 0) != size) {
-    throw std::runtime_error("reading the captured output failed");
-  }
-  return text;
+  return Content(file);
 }
 
 std::vector<std::string> Lines(const std::string& text) {
@@ -170,13 +133,13 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 
 ChildResult RunChild(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
                      std::chrono::milliseconds timeout, const std::vector<int>& keep) {
-  Pipe out;
-  Pipe err;
+  const ManagedFD out = MakeFile("");
+  const ManagedFD err = MakeFile("");
   posix_spawn_file_actions_t actions;
   ::posix_spawn_file_actions_init(&actions);
   ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  ::posix_spawn_file_actions_adddup2(&actions, out.write_end.Get(), 1);
-  ::posix_spawn_file_actions_adddup2(&actions, err.write_end.Get(), 2);
+  ::posix_spawn_file_actions_adddup2(&actions, out.Get(), 1);
+  ::posix_spawn_file_actions_adddup2(&actions, err.Get(), 2);
   for (const int fd : keep) {
     ::posix_spawn_file_actions_adddup2(&actions, fd, fd);  // clears close-on-exec
   }
@@ -192,18 +155,16 @@ ChildResult RunChild(const std::vector<std::string>& arguments, const std::vecto
   if (spawned != 0) {
     throw std::runtime_error("could not start " + argv[0]);
   }
-  out.write_end.Reset();
-  err.write_end.Reset();
 
   ChildResult result;
-  result.timed_out = !ReadBoth(out.read_end.Get(), err.read_end.Get(), steady_clock::now() + timeout, result);
-  if (result.timed_out) {
-    ::kill(pid, SIGKILL);
-  }
   int status = 0;
-  ::waitpid(pid, &status, 0);
-  result.signaled = WIFSIGNALED(status);
-  result.signal = result.signaled ? WTERMSIG(status) : 0;
+  if (!WaitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, &status, 0);
+  }
+  result.out = Content(out);
+  result.err = Content(err);
+  result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
   result.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
 }

@@ -37,8 +37,6 @@ namespace vond::test {
 
 /// How a child process ended and what it wrote.
 struct ChildResult {
-  bool timed_out = false;
-  bool signaled = false;
   int signal = 0;
   int exit_status = 0;
   std::string out;

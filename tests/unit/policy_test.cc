@@ -1,7 +1,6 @@
 // Policies: how they load, what is refused, and scans with them.
 #include <thread>
 
-#include "agent/rule_packer.h"
 #include "static_pattern_matching/json_conversion.h"
 #include "static_pattern_matching/yara_scanner.h"
 #include "tests/unit/engine_test.h"
@@ -36,7 +35,7 @@ struct Loaded {
   explicit Loaded(const Policy& policy, int log_level = 6) {
     const auto open = vond::test::OpenDescriptors();
     korvo::utils::SetLogLevel(log_level);
-    const auto load = [&] { config = std::make_shared<YaraConfig>(policy.document, policy.fds, &failure); };
+    const auto load = [&] { config = std::make_shared<YaraConfig>(policy.document, policy.fds); };
     log = Lines(CaptureOutput(STDOUT_FILENO, [&] { thrown = Thrown(load); }));
     korvo::utils::SetLogLevel(6);
     EXPECT_EQ(vond::test::OpenDescriptors(), open);
@@ -54,7 +53,6 @@ struct Loaded {
   std::shared_ptr<YaraConfig> config;
   std::vector<std::string> log;
   std::string thrown;
-  YaraConfigLoadFailure failure;
 };
 
 std::string Rule(const std::string& name, const std::string& id, const std::string& action,
@@ -87,44 +85,6 @@ TEST(YaraConfig, LogsEveryStepOfAGoodLoad) {
   std::erase(expected, "TRACE Iterating all rules...");  // a line of level 8 alone
   EXPECT_EQ(Loaded(policy, 9).log, expected);
   EXPECT_TRUE(Loaded({"{}", {}}).config->GetRuleSets().empty());
-}
-
-TEST(YaraConfig, RefusesBadPoliciesAndSaysWhatIsBad) {
-  auto rows = ReadTable("refused_policies.txt");
-  rows.push_back({"", "", "Yara compilation error(s).", "", "0"});
-  for (int i = 0; i < 25; ++i) {
-    rows.back()[0] += "rule R" + std::to_string(i) + " { condition: nothing }\n";
-  }
-  for (const auto& row : rows) {
-    const std::string& text = row.at(2);
-    const std::string& rule = row.at(3);
-    const Loaded loaded({R"({"rule_sets":[{"file_type":1,"fd_index":1},{"file_type":1,"fd_index":)" + row.at(4) +
-                             R"(}],"rule_overrides":[)" + row[1] + "]}",
-                         {row[0], Rule("Good", "1", "allow")}});
-    const bool compiled = row[0].find("nothing") == std::string::npos;
-    std::vector<std::string> errors;
-    for (int line = 1; !compiled && line <= 20; ++line) {  // more would not help
-      errors.push_back("ERROR Compiler message: line " + std::to_string(line) + ": undefined identifier \"nothing\"");
-    }
-    if (!rule.empty() && !text.starts_with("Rule ")) {
-      errors.push_back("ERROR Failed validating rule name: " + rule + " with error: " + text);
-      errors.emplace_back("ERROR Make sure the rule has all the mandatory metadata items (i.e. id, action)");
-    }
-    errors.push_back("ERROR YaraConfig configuration load failed with error: " + text);
-    EXPECT_EQ(loaded.Log("E"), errors) << row[0];
-    EXPECT_EQ(loaded.log.back(), errors.back());
-    EXPECT_TRUE(loaded.thrown.starts_with(text)) << loaded.thrown;
-    EXPECT_EQ(loaded.failure.rule_name, rule);
-    EXPECT_EQ(loaded.failure.compiler_messages.size(), compiled ? 0U : 25U);
-    EXPECT_EQ(loaded.failure.rule_set, 1);
-  }
-}
-
-TEST(YaraConfig, TheLastSetOfAPairWins) {
-  const Loaded loaded({R"({"rule_sets":[{"file_type":-1},{"file_type":-1,"rule_type":1,"fd_index":1},
-      {"file_type":-1,"fd_index":1},{"file_type":-1,"rule_type":7}]})",
-                       {Rule("First", "1", "block"), vond::agent::PackRuleSet(Rule("Later", "1", "allow"))}});
-  EXPECT_EQ(loaded.Matches(-1, 0) + loaded.Matches(-1, 1) + loaded.Matches(-1, 7), "LaterLaterFirst");
 }
 
 TEST(YaraConfig, OverridesAndDisablesByIdAndAction) {

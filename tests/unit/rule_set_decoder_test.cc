@@ -4,6 +4,7 @@
 
 #include <zlib.h>
 
+#include "agent/rule_packer.h"
 #include "tests/support/packed_rules.h"
 #include "tests/unit/engine_test.h"
 
@@ -34,7 +35,9 @@ TEST(RuleSetDecoder, GivesWhatWasPackedOrPlain) {
     noise += static_cast<char>((i * i * 2654435761U) >> 13);
   }
   for (const std::size_t size : {0U, 1U, 15U, 16U, 17U, 8191U, 8192U, 8193U, 1U << 20}) {
-    EXPECT_TRUE(DecodeRuleSet(Encrypt(Gzip(noise.substr(0, size))), size) == noise.substr(0, size)) << size;
+    const std::string text = noise.substr(0, size);
+    EXPECT_TRUE(DecodeRuleSet(Encrypt(Gzip(text)), size) == text) << size;
+    EXPECT_TRUE(DecodeRuleSet(vond::agent::PackRuleSet(text), size) == text) << size;
   }
 }
 

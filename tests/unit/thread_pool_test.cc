@@ -66,24 +66,6 @@ TEST(ThreadPool, GrowsWithQueuedWorkUpToItsMaximum) {
   gate.open = true;
 }
 
-TEST(ThreadPool, DropsTheOneTaskTooMany) {
-  Gate gate;
-  const Counted queued;
-  const Counted dropped;
-  ThreadPool pool("pool", 1, 1, 200, minutes(1));
-  ASSERT_TRUE(pool.AddTask(gate.Task()) && gate.HasCaught(1));
-  for (int i = 0; i < 200; ++i) {
-    ASSERT_TRUE(pool.AddTask(queued.Task())) << i;
-  }
-  EXPECT_FALSE(pool.AddTask(dropped.Task()));
-  EXPECT_EQ(dropped.runs.use_count(), 1);
-  gate.open = true;
-  EXPECT_TRUE(queued.Gone());
-  EXPECT_EQ(*queued.runs, 200);
-  EXPECT_EQ(*dropped.runs, 0);
-  EXPECT_TRUE(pool.AddTask(queued.Task()));
-}
-
 TEST(ThreadPool, EndsIdleWorkersAboveTheMinimum) {
   constexpr milliseconds kIdle(200);
   for (const std::uint64_t minimum : {0U, 1U, 2U}) {

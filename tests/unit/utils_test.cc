@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,13 +7,10 @@
 #include <cerrno>
 #include <climits>
 #include <latch>
-#include <map>
-#include <stdexcept>
 #include <thread>
 
 #include "tests/support/test_support.h"
 #include "utils/assertion.h"
-#include "utils/checked_access.h"
 #include "utils/linux_utils.h"
 #include "utils/log.h"
 #include "utils/managed_fd.h"
@@ -26,8 +22,6 @@ using auto_resources::ManagedFD;
 using korvo::static_pattern_matching_daemon::utils::LinuxUtils;
 using vond::test::CaptureOutput;
 using vond::test::MakeFile;
-
-ManagedFD Open(const std::string& path, int flags) { return ManagedFD(::open(path.c_str(), flags | O_CLOEXEC)); }
 
 TEST(ManagedFD, OwnsExactlyOneDescriptor) {
   const auto is_open = [](int fd) { return ::fcntl(fd, F_GETFD) != -1; };
@@ -152,24 +146,6 @@ TEST(Assertion, WritesOneLineWhateverTheLogLevel) {
   EXPECT_EQ(errno, 77);
 }
 
-TEST(CheckedAccess, ThrowsItsOwnTexts) {
-  using namespace korvo::utils;
-  const std::map<int, int> map{{1, 10}};
-  const std::vector<int> vector{7, 8};
-  const std::array<int, 4> array{0, 1, 2, 3};
-  const auto access = [&](int key, std::size_t in_vector, std::size_t in_array) -> std::string {
-    try {
-      return std::to_string(MapAt(map, key) + VectorAt(vector, in_vector) + ArrayAt(array, in_array));
-    } catch (const std::out_of_range& e) {
-      return e.what();
-    }
-  };
-  EXPECT_EQ(access(1, 1, 3), "21");
-  EXPECT_EQ(access(2, 1, 3), "_Map_base::at");
-  EXPECT_EQ(access(1, 2, 3), "vector::_M_range_check: __n (which is 2) >= this->size() (which is 2)");
-  EXPECT_EQ(access(1, 1, 4), "array::at: __n (which is 4) >= _Nm (which is 4)");
-}
-
 TEST(Utf8, ReplacesEachMaximalInvalidSequence) {
   const std::vector<std::array<std::string, 2>> rows = {
       // "?" stands for U+FFFD
@@ -205,40 +181,6 @@ TEST(LinuxUtils, ReadsWholeFilesFromAnyPosition) {
       EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), size);
     }
   }
-}
-
-TEST(LinuxUtils, RefusesWhatOneReadCannotDeliver) {
-  std::array<int, 2> pipe{};
-  ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
-  const ManagedFD read_end(pipe[0]);
-  const ManagedFD write_end(pipe[1]);
-  const ManagedFD file = MakeFile("content");
-  const ManagedFD write_only = Open("/proc/self/fd/" + std::to_string(file.Get()), O_WRONLY);
-  const ManagedFD huge = MakeFile("");
-  ASSERT_EQ(::ftruncate(huge.Get(), 0x7ffff001), 0);
-  struct {
-    int fd;
-    int error;
-    std::string text;
-  } const rows[] = {{-1, EBADF, "lseek() failed, errno: Bad file descriptor"},
-                    {read_end.Get(), ESPIPE, "lseek() failed, errno: Illegal seek"},
-                    {write_only.Get(), EBADF, "Failed to read from fd, errno: Bad file descriptor"},
-                    {huge.Get(), EFBIG, "Failed to read from fd, errno: File too large"}};
-  const std::set<int> before = vond::test::OpenDescriptors();
-  for (const auto& row : rows) {
-    try {
-      static_cast<void>(LinuxUtils::ReadFile(row.fd));
-      ADD_FAILURE() << row.text;
-    } catch (const LinuxUtils::Exception& e) {
-      EXPECT_EQ(e.what(), row.text);
-      EXPECT_EQ(e.GetErrno(), row.error);
-    }
-  }
-  EXPECT_THROW(static_cast<void>(LinuxUtils::ReadFile(Open("/", O_DIRECTORY).Get())), LinuxUtils::Exception);
-  rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
-  EXPECT_LT(usage.ru_maxrss, 1'000'000) << "kilobytes: the huge file was given memory";
-  EXPECT_EQ(vond::test::OpenDescriptors(), before);
 }
 
 }  // namespace

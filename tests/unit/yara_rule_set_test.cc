@@ -140,26 +140,5 @@ TEST(YaraRuleSet, FindsRulesByIdAlsoAfterChanges) {
             "metadata_items { key: \"k\" value { int_value: -7 } }");
 }
 
-TEST(YaraRuleSet, FindsDisabledMembersOfRuleSets) {
-  std::string before = "rule A1 { condition: true } rule A2 { condition: A1 } rule B { condition: filesize > 1 }";
-  for (int i = 0; i < 300; ++i) {
-    before += " rule M" + std::to_string(i) + " { condition: false }";
-  }
-  for (const auto& row : ReadTable("disabled_members.txt")) {
-    const auto set = LoadRules(before + " rule Own { strings: $s = \"1\" $t = \"2\" condition: (" + row.at(0) +
-                               ") and ($s or $t or true) }");
-    for (std::size_t i = 0; i < set->size(); ++i) {
-      if ((" " + row.at(1) + " ").find(" " + set->GetRule(i).name + " ") != std::string::npos) {
-        set->SetRuleEnabled(i, false);
-      }
-    }
-    const auto found = set->FindDisabledMember();
-    EXPECT_EQ(found ? found->first + " " + found->second : "", row.at(2)) << row[0];
-    if (!found) {
-      EXPECT_EQ(ScanText(set, "1 2").find("error"), std::string::npos);  // libyara aborts on a member we missed
-    }
-  }
-}
-
 }  // namespace
 }  // namespace korvo::yara::yara_lib
