@@ -234,7 +234,8 @@ TEST(IpcChannel, ReceivingWithoutAListDropsDescriptorsUnclosed) {
 
 TEST(IpcChannel, ShutdownWakesTheReceiverAndLeavesSending) {
   Ends ends;
-  std::thread receiver([&ends] { EXPECT_EQ(ends.Put("pending").Receive(-1) + ends.Receive(-1), -EIO); });
+  ends.Put("pending");
+  std::thread receiver([&ends] { EXPECT_EQ(ends.Receive(-1) + ends.Receive(-1), -EIO); });
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   ends.channel.Shutdown();
   receiver.join();
