@@ -53,6 +53,13 @@ install_packages() {
   apt-get -qq install -y --no-install-recommends "${missing[@]}" </dev/null >/dev/null
 }
 
+# get_libyara: the newer libyara that every preset but system-yara takes; where it can't be had, the system's will do.
+get_libyara() {
+  local status=0
+  scripts/get-libyara || status=$?
+  ((status == 0 || status == 2))
+}
+
 # build_preset PRESET [TARGET...]: configures and builds one of CMakePresets.json; without targets, everything.
 build_preset() {
   local preset=$1 log=build/$1.configure.log

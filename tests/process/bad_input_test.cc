@@ -80,9 +80,11 @@ class Table {
   [[nodiscard]] std::string Expand(const std::string& cell) const {
     std::string text;
     std::size_t at = 0;
-    for (std::size_t start = 0; (start = cell.find("<<", at)) != std::string::npos; at = cell.find(">>", start) + 2) {
+    for (std::size_t start = 0; (start = cell.find("<<", at)) != std::string::npos;) {
       text += Replace(cell.substr(at, start - at), "~", "\n");
-      const std::string inner = cell.substr(start + 2, cell.find(">>", start) - start - 2);
+      at = cell.find_first_not_of('>', cell.find(">>", start));
+      at = std::min(at, cell.size());
+      const std::string inner = cell.substr(start + 2, at - start - 4);
       const std::size_t star = inner.find('*');
       const std::size_t blank = std::min(inner.find(' '), inner.size());
       if (inner.starts_with('!')) {

@@ -27,8 +27,8 @@ namespace vond::test {
 /// `line` split at `separator`, without the blanks around the cells.
 [[nodiscard]] std::vector<std::string> Split(const std::string& line, char separator);
 
-/// The rows of a table in tests/data: cells between bars, lines that begin with '#' left out. Fails the test if there
-/// are none.
+/// The rows of a table in tests/data: cells between bars, lines that begin with '#' left out. What stands in [4.2:x] is
+/// there with a libyara before 4.5 only, in [4.5:x] from that on. Fails the test if there are none.
 [[nodiscard]] std::vector<std::vector<std::string>> ReadTable(const std::string& name);
 
 /// Polls `condition` until it holds; false when `timeout` passes first.

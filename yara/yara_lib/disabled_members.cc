@@ -10,8 +10,8 @@
 namespace korvo::yara::yara_lib {
 namespace {
 
-// Bytes of operand that follow `opcode`, as yr_execute_code() of libyara 4.2 consumes them; nothing for an opcode it
-// does not have.
+// Bytes of operand that follow `opcode`, as yr_execute_code() of libyara 4.2 to 4.5 consumes them; nothing for an
+// opcode it does not have.
 std::optional<std::size_t> OperandSize(std::uint8_t opcode) {
   switch (opcode) {
     case OP_PUSH_8:
@@ -54,6 +54,11 @@ std::optional<std::size_t> OperandSize(std::uint8_t opcode) {
     case OP_JUNDEF:
     case OP_JNUNDEF_P:
       return std::nullopt;
+#ifdef OP_OF_FOUND_AT  // libyara 4.3, whose further new ones lie among the old
+    case OP_ITER_START_TEXT_STRING_SET:
+    case OP_OF_FOUND_AT:
+      return 0;
+#endif
     default:
       break;
   }

@@ -124,6 +124,13 @@ int CompileSource(const std::string& source, Compilation& compilation, YR_RULES*
 
 int ScanCallback(YR_SCAN_CONTEXT* /*context*/, int message, void* message_data, void* user_data) noexcept {
   const korvo_common::ScanFaultPause pause;
+#ifdef CALLBACK_MSG_TOO_SLOW_SCANNING
+  // From 4.3 on libyara asks whether to go on when a scan promises to be slow. It goes on, as before: for how long is
+  // the time-out's matter, and a file above 200 KB must not be left unscanned because of one rule.
+  if (message == CALLBACK_MSG_TOO_SLOW_SCANNING) {
+    return CALLBACK_CONTINUE;
+  }
+#endif
   return OnScanMessage(message, message_data, user_data);
 }
 

@@ -152,9 +152,17 @@ void YaraRuleSet::SetRuleEnabled(std::size_t rule_index, bool enable) {
   }
   if (enable) {
     ::yr_rule_enable(yr_rule);
+    if (disabled_global_rules_.erase(rule_index) > 0) {
+      yr_rule->flags |= RULE_FLAGS_GLOBAL;
+    }
     NotifyRuleEnabled(rule_index);
   } else {
     ::yr_rule_disable(yr_rule);
+    // libyara 4.5 takes a disabled global rule for one that does not hold, and then no rule at all would match.
+    if (RULE_IS_GLOBAL(yr_rule) != 0) {
+      yr_rule->flags &= ~RULE_FLAGS_GLOBAL;
+      disabled_global_rules_.insert(rule_index);
+    }
     NotifyRuleDisabled(rule_index);
   }
 }

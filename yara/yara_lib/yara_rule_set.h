@@ -8,6 +8,7 @@
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -97,7 +98,8 @@ class YaraRuleSet : public IYaraRuleSetObserved {
   [[nodiscard]] const YaraRuleInfo& GetRule(std::size_t rule_index) const;
   [[nodiscard]] YaraRuleInfo CopyRule(std::size_t rule_index) const;
 
-  /// A disabled rule matches nothing until it is enabled again. Throws std::out_of_range "rule_index".
+  /// A disabled rule matches nothing and, if global, holds no other back, until it is enabled again. Throws
+  /// std::out_of_range "rule_index".
   void SetRuleEnabled(std::size_t rule_index, bool enable);
 
   /// Whether a rule has this id.
@@ -145,6 +147,7 @@ class YaraRuleSet : public IYaraRuleSetObserved {
   const std::string id_key_;
   const std::vector<std::string> modules_;
   std::unordered_map<std::string, std::vector<std::size_t>> indexes_by_id_;
+  std::unordered_set<std::size_t> disabled_global_rules_;  // for as long as not global to libyara
 };
 
 }  // namespace korvo::yara::yara_lib
