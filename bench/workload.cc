@@ -41,6 +41,26 @@ std::string MakeRules(std::size_t count, std::uint32_t seed) {
   return rules;
 }
 
+std::string MakeMatchingRules(std::size_t count, std::size_t few) {
+  std::string rules;
+  for (std::size_t i = 0; i < count; ++i) {
+    rules += fmt::format(
+        "rule Match_{0} : bench {{\n  meta:\n    id = \"match {0}\"\n    action = \"inform\"\n    score = {0}\n"
+        "    family = \"bench family {1}\"\n    author = \"the generator of the benchmark\"\n    reviewed = true\n"
+        "    severity = 3\n    note = \"one of eight items\"\n  condition:\n    uint8(0) {2}\n}}\n",
+        i, i % 7, i < few ? ">= 1" : "== 2");
+  }
+  return rules;
+}
+
+ManagedFD MakeMemfd(std::string_view content) {
+  ManagedFD file(::memfd_create("bench", MFD_CLOEXEC));
+  if (!file.IsValid() || ::write(file.Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+    throw std::runtime_error("memfd failed");
+  }
+  return file;
+}
+
 std::vector<ManagedFD> MakeFiles(const FileClass& file_class, std::uint32_t seed) {
   // The bytes that x86 code is mostly made of.
   constexpr std::array<unsigned char, 16> kFrequent = {0x00, 0x48, 0x8b, 0x89, 0xe8, 0x0f, 0xff, 0x24,
@@ -59,10 +79,7 @@ std::vector<ManagedFD> MakeFiles(const FileClass& file_class, std::uint32_t seed
     if (i % 100 == 0) {
       content.replace(size / 2, 12, Word(static_cast<std::uint32_t>(i) % 10, seed));
     }
-    files.emplace_back(::memfd_create("bench", MFD_CLOEXEC));
-    if (::write(files.back().Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
-      throw std::runtime_error("memfd failed");
-    }
+    files.push_back(MakeMemfd(content));
   }
   return files;
 }

@@ -11,7 +11,7 @@ jobs=$(nproc)
 build_packages=(
   cmake ninja-build g++ pkg-config
   libyara-dev libprotobuf-dev protobuf-compiler libpoco-dev libssl-dev zlib1g-dev
-  libcli11-dev libfmt-dev nlohmann-json3-dev libgtest-dev
+  libcli11-dev libfmt-dev nlohmann-json3-dev libgtest-dev libbenchmark-dev
   python3 python3-protobuf
 )
 
