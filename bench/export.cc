@@ -9,7 +9,6 @@
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
-#include <thread>
 
 #include "bench/measurements.h"
 #include "bench/real_inputs.h"
@@ -34,8 +33,8 @@ int Export(const Inputs& inputs, const ExportOptions& options, const std::filesy
   return 0;
 }
 
-int RunPasses(const std::filesystem::path& folder) {
-  Daemon daemon(ReadWhole(folder / "rules.yar"), std::max(1U, std::thread::hardware_concurrency()));
+int RunPasses(const std::filesystem::path& folder, std::uint32_t workers) {
+  Daemon daemon(ReadWhole(folder / "rules.yar"), workers);
   for (std::string line; std::getline(std::cin, line);) {
     // Opening is part of it: the others are given paths too.
     std::vector<auto_resources::ManagedFD> files;

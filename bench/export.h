@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -19,6 +20,6 @@ int Export(const Inputs& inputs, const ExportOptions& options, const std::filesy
 
 /// The daemon as one of the programs that are compared over exported inputs: scans all files once for each line of
 /// standard input, and answers each with a line "seconds matches".
-int RunPasses(const std::filesystem::path& folder);
+int RunPasses(const std::filesystem::path& folder, std::uint32_t workers);
 
 }  // namespace vond::bench

@@ -89,7 +89,9 @@ int main(int argc, char** argv) {
   exporting->add_option("--count", export_options.rule_count, "of rules")->required();
   CLI::App* const passes =
       app.add_subcommand("passes", "scans what was exported once for each line of input, and prints seconds, matches");
+  std::uint32_t workers = 1;
   passes->add_option("FOLDER", path)->required();
+  passes->add_option("--workers", workers)->capture_default_str();
   CLI11_PARSE(app, argc, argv);
 
   if (const char* const why = vond::bench::WhyBuildIsRefused()) {
@@ -104,7 +106,7 @@ int main(int argc, char** argv) {
       return vond::bench::RunRawCompile(path);
     }
     if (passes->parsed()) {
-      return vond::bench::RunPasses(path);
+      return vond::bench::RunPasses(path, workers);
     }
     const Inputs inputs(rules, files, seed);
     if (exporting->parsed()) {

@@ -34,7 +34,7 @@ std::string MakeRules(std::size_t count, std::uint32_t seed) {
         "rule Bench_{0} : bench {{\n  meta:\n    id = \"{0}\"\n    action = \"block\"\n    score = {1}\n"
         "  strings:\n    $text = \"{2}\"\n    $code = {{ {3:02x} 8b {4:02x} 24 ?? e8 {5:02x} {6:02x} {7:02x} 00 85 c0 "
         "}}\n"
-        "  condition:\n    uint32be(0) == 0x7f454c46 and any of them\n}}\n",
+        "  condition:\n    uint32(0) == 0x464c457f and any of them\n}}\n",
         i, random() % 100, Word(static_cast<std::uint32_t>(i % kWords), seed), random() % 256, random() % 256,
         random() % 256, random() % 256, random() % 256);
   }
@@ -77,7 +77,7 @@ std::vector<ManagedFD> MakeFiles(const FileClass& file_class, std::uint32_t seed
                     "\x7f"
                     "ELF\x02");
     if (i % 100 == 0) {
-      content.replace(size / 2, 12, Word(static_cast<std::uint32_t>(i) % 10, seed));
+      content.replace(size / 2, 12, Word(static_cast<std::uint32_t>(i / 100) % 10, seed));
     }
     files.push_back(MakeMemfd(content));
   }
