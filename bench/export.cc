@@ -45,7 +45,7 @@ int RunPasses(const std::filesystem::path& folder, std::uint32_t workers) {
     const std::size_t matches = daemon.Pass(files, kUsualInFlight).matches;
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
     fmt::print("{} {}\n", seconds.count(), matches);
-    std::fflush(stdout);
+    static_cast<void>(std::fflush(stdout));
   }
   return 0;
 }

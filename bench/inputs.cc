@@ -2,10 +2,14 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
+#include <regex>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 
 #include "bench/real_inputs.h"
+#include "bench/run.h"
 
 namespace vond::bench {
 namespace {
@@ -20,22 +24,52 @@ bool IsElf(int fd) {
              "ELF";
 }
 
+std::set<std::string> RuleNames(const std::string& source) {
+  static const std::regex rule(R"((?:^|\n)[ \t]*(?:(?:private|global)[ \t]+)*rule[ \t]+(\w+))");
+  std::set<std::string> names;
+  for (std::sregex_iterator match(source.begin(), source.end(), rule), end; match != end; ++match) {
+    names.insert((*match)[1]);
+  }
+  return names;
+}
+
+bool Compiles(const std::string& source) {
+  try {
+    const RawYara raw(source);
+    return true;
+  } catch (const std::runtime_error&) {
+    return false;
+  }
+}
+
 }  // namespace
 
-Inputs::Inputs(const std::filesystem::path& rules, const std::filesystem::path& files, std::uint32_t seed)
+Inputs::Inputs(const std::filesystem::path& rules, const std::vector<std::filesystem::path>& file_folders,
+               std::uint32_t seed)
     : seed_(seed) {
-  if (!rules.empty()) {
-    for (const auto& path : FilesUnder(rules)) {
-      if (IsRuleFile(path)) {
-        real_rules_ += Adopt(ReadWhole(path), real_rule_count_);
-      }
+  std::set<std::string> names;
+  for (const auto& path : rules.empty() ? std::vector<std::filesystem::path>() : FilesUnder(rules)) {
+    if (!IsRuleFile(path)) {
+      continue;
     }
-    if (real_rule_count_ == 0) {
-      throw std::runtime_error("no rules in " + rules.string());
+    const std::string source = Adopt(ReadWhole(path), real_rule_count_);
+    const std::set<std::string> own = RuleNames(source);
+    if (Compiles(source) &&
+        std::none_of(own.begin(), own.end(), [&](const std::string& name) { return names.contains(name); })) {
+      names.insert(own.begin(), own.end());
+      real_rules_ += source;
+      ++rule_files_taken_;
+    } else {
+      ++rule_files_left_out_;
     }
   }
-  if (!files.empty()) {
-    real_files_ = FilesUnder(files);
+  real_rule_count_ = names.size();
+  if (!rules.empty() && names.empty()) {
+    throw std::runtime_error("no rules in " + rules.string());
+  }
+  for (const auto& folder : file_folders) {
+    const auto found = FilesUnder(folder);
+    real_files_.insert(real_files_.end(), found.begin(), found.end());
   }
 }
 
@@ -51,17 +85,21 @@ std::vector<ManagedFD> Inputs::Files(const FileClass& file_class) const {
   if (real_files_.empty()) {
     return MakeFiles(file_class, seed_);
   }
-  std::vector<ManagedFD> files;
+  std::vector<std::filesystem::path> paths;
   for (const auto& path : real_files_) {
     std::error_code error;
     const std::uintmax_t size = std::filesystem::file_size(path, error);
-    if (error || size < file_class.min_size || size > file_class.max_size || files.size() >= file_class.count) {
+    if (error || size < file_class.min_size || size > file_class.max_size || paths.size() >= file_class.count) {
       continue;
     }
-    ManagedFD file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const ManagedFD file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.IsValid() && (file_class.name != kFileClasses[0].name || IsElf(file.Get()))) {
-      files.push_back(std::move(file));
+      paths.push_back(path);
     }
+  }
+  std::vector<ManagedFD> files;
+  for (std::size_t i = 0; !paths.empty() && i < file_class.count; ++i) {
+    files.emplace_back(::open(paths[i % paths.size()].c_str(), O_RDONLY | O_CLOEXEC));
   }
   return files;
 }

@@ -21,19 +21,28 @@ inline constexpr std::array<FileClass, 4> kFileClasses{{{"k16", 14 << 10, 18 << 
 /// Rules and files for every measurement: made from a seed, or taken from folders.
 class Inputs {
  public:
-  /// Empty folders: generated. Throws std::runtime_error if a folder holds no rules.
-  Inputs(const std::filesystem::path& rules, const std::filesystem::path& files, std::uint32_t seed);
+  /// Empty: generated. A file of rules that does not compile by itself, or has a rule whose name was there before, is
+  /// left out. Throws std::runtime_error if that leaves no rules.
+  Inputs(const std::filesystem::path& rules, const std::vector<std::filesystem::path>& file_folders,
+         std::uint32_t seed);
+
+  /// Files of rules that were taken and left out.
+  [[nodiscard]] std::size_t RuleFilesTaken() const { return rule_files_taken_; }
+  [[nodiscard]] std::size_t RuleFilesLeftOut() const { return rule_files_left_out_; }
 
   /// Which numbers of rules there are to measure: `wanted` itself, or the number of the real ones.
   [[nodiscard]] std::vector<std::size_t> RuleCounts(const std::vector<std::size_t>& wanted) const;
   [[nodiscard]] std::string Rules(std::size_t count) const;
-  /// Of real files those of the class's size, at most its count; for "k16" only ELF files. May be empty.
+  /// Of real files those of the class's size, again and again if there are too few; for "k16" only ELF files. Empty if
+  /// there are none.
   [[nodiscard]] std::vector<auto_resources::ManagedFD> Files(const FileClass& file_class) const;
 
  private:
   std::uint32_t seed_;
   std::string real_rules_;
   std::size_t real_rule_count_ = 0;
+  std::size_t rule_files_taken_ = 0;
+  std::size_t rule_files_left_out_ = 0;
   std::vector<std::filesystem::path> real_files_;
 };
 

@@ -33,6 +33,7 @@ struct RawMemory {
 RawMemory MeasureRaw(const std::string& mode, const std::filesystem::path& path) {
   const std::string command =
       fmt::format("'{}' {} '{}'", std::filesystem::read_symlink("/proc/self/exe").string(), mode, path.string());
+  // NOLINTNEXTLINE(cert-env33-c): the command is this program itself
   const std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "re"), &::pclose);
   std::size_t resident = 0;
   std::size_t peak = 0;

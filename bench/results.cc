@@ -24,7 +24,7 @@ void Results::Add(const std::string& id, const std::string& unit, const Summary&
       summary.rounds > 1 ? fmt::format("{} to {} ({} rounds)", Short(summary.low), Short(summary.high), summary.rounds)
                          : "one look";
   fmt::print("{:<44} {:>12}   {:<28} {}\n", id, Short(summary.median), spread, unit);
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));
   figures_.push_back({id, unit, summary});
 }
 
@@ -45,7 +45,7 @@ void Results::Add(Curve curve) {
 
 void Results::Note(const std::string& key, const std::string& value) {
   fmt::print("{}: {}\n", key, value);
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));
   notes_.emplace_back(key, value);
 }
 

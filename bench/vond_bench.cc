@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <gnu/libc-version.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <yara.h>
 
@@ -51,6 +52,15 @@ Extent MakeExtent(bool full, std::size_t rounds) {
   return extent;
 }
 
+// Thousands of files are open at once.
+void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
 // The file that malloc comes from.
 std::string Allocator() {
   Dl_info info{};
@@ -67,7 +77,7 @@ int main(int argc, char** argv) {
   std::size_t rounds = 0;
   std::uint32_t seed = 20240607;
   std::string rules;
-  std::string files;
+  std::vector<std::filesystem::path> files;
   std::string json;
   std::vector<std::string> only;
   std::string path;
@@ -75,7 +85,9 @@ int main(int argc, char** argv) {
   app.add_option("--rounds", rounds, "of each comparison");
   app.add_option("--seed", seed, "of generated rules and files")->capture_default_str();
   app.add_option("--rules", rules, "folder of rules, in place of generated ones")->check(CLI::ExistingDirectory);
-  app.add_option("--files", files, "folder of files, in place of generated ones")->check(CLI::ExistingDirectory);
+  app.add_option("--files", files, "folder of files, in place of generated ones; may be repeated")
+      ->check(CLI::ExistingDirectory)
+      ->allow_extra_args(false);
   app.add_option("--json", json, "file to write all figures to");
   app.add_option("--only", only, "parts: scans, empty, matches, policy, memory, growth")->delimiter(',');
   CLI::App* const raw_load = app.add_subcommand("raw-load", "the memory of raw libyara with a compiled set");
@@ -98,6 +110,7 @@ int main(int argc, char** argv) {
     fmt::print(stderr, "vond_bench: {}\n", why);
     return 1;
   }
+  RaiseDescriptorLimit();
   try {
     if (raw_load->parsed()) {
       return vond::bench::RunRawLoad(path);
@@ -118,8 +131,16 @@ int main(int argc, char** argv) {
     results.Note("build type", VOND_BUILD_TYPE);
     results.Note("allocator", fmt::format("malloc of {} (glibc {})", Allocator(), ::gnu_get_libc_version()));
     results.Note("processors", std::to_string(::sysconf(_SC_NPROCESSORS_ONLN)));
-    results.Note("rules", rules.empty() ? fmt::format("generated, seed {}", seed) : rules);
-    results.Note("files", files.empty() ? fmt::format("generated, seed {}", seed) : files);
+    const std::string generated = fmt::format("generated, seed {}", seed);
+    results.Note("rules", rules.empty() ? generated
+                                        : fmt::format("{} of {} files in {}; {} do not compile with the others",
+                                                      inputs.RuleCounts({}).front(), inputs.RuleFilesTaken(), rules,
+                                                      inputs.RuleFilesLeftOut()));
+    std::string folders;
+    for (const auto& folder : files) {
+      folders += (folders.empty() ? "" : ", ") + folder.string();
+    }
+    results.Note("files", files.empty() ? generated : folders);
     results.Note("rounds", std::to_string(extent.rounds));
     const auto start = std::chrono::steady_clock::now();
     for (const auto& [name, measure] : kParts) {
