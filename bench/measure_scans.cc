@@ -9,7 +9,6 @@
 
 #include "bench/measurements.h"
 #include "bench/run.h"
-#include "bench/slowest_rule.h"
 
 namespace vond::bench {
 namespace {
@@ -39,7 +38,7 @@ class Group {
     }
     if (!raw_.SlowRules().empty()) {
       results.Note(fmt::format("rules of {} that the compiler calls slow", name_),
-                   fmt::format("{}, the first at {}", raw_.SlowRules().size(), raw_.SlowRules().front()));
+                   fmt::format("{}, the first is {}", raw_.SlowRules().size(), raw_.SlowRules().front()));
     }
     Round(0);  // not counted: all have their memory and threads after this
     seconds_.clear();
@@ -125,13 +124,6 @@ class Group {
 }  // namespace
 
 void MeasureScans(const Inputs& inputs, const Extent& extent, Results& results) {
-  constexpr std::size_t kSampleFiles = 8;
-  const FileClass sample{kFileClasses[2].name, kFileClasses[2].min_size, kFileClasses[2].max_size, kSampleFiles};
-  for (const std::size_t rule_count : inputs.RuleCounts(extent.rule_counts)) {
-    const SlowestRule slowest = FindSlowestRule(inputs.Rules(rule_count), inputs.Files(sample));
-    results.Note(fmt::format("slowest of {} rules", rule_count),
-                 fmt::format("{}, {:.1f} % of the time of a file", slowest.name, slowest.share * 100));
-  }
   for (const FileClass& file_class : kFileClasses) {
     for (const std::size_t rule_count : inputs.RuleCounts(extent.rule_counts)) {
       Group(file_class, rule_count, inputs, extent).Run(results);

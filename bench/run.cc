@@ -38,10 +38,10 @@ int AddName(YR_SCAN_CONTEXT* /*context*/, int message, void* data, void* user_da
   return CALLBACK_CONTINUE;
 }
 
-// No structure of libyara's is looked into: `rule` may be that of another version.
-void AddMessage(int /*level*/, const char* /*file*/, int line, const YR_RULE* /*rule*/, const char* message,
+void AddMessage(int /*level*/, const char* /*file*/, int line, const YR_RULE* rule, const char* message,
                 void* messages) {
-  static_cast<std::vector<std::string>*>(messages)->push_back("line " + std::to_string(line) + ": " + message);
+  static_cast<std::vector<std::string>*>(messages)->push_back(
+      (rule == nullptr ? "line " + std::to_string(line) : std::string(rule->identifier)) + ": " + message);
 }
 
 static_pattern_matching_proto::ScanRequest BlockScan() {
@@ -69,7 +69,9 @@ RawYara::RawYara(const std::string& rules, const Engine& engine) : engine_(engin
     throw std::runtime_error("libyara does not start");
   }
   std::vector<std::string> messages;
-  engine_.compiler_set_callback(compiler, &AddMessage, &messages);
+  if (&engine_ == &Engine::Linked()) {  // of another version's rules nothing is known
+    engine_.compiler_set_callback(compiler, &AddMessage, &messages);
+  }
   const bool compiled = engine_.compiler_add_string(compiler, rules.c_str(), nullptr) == 0 &&
                         engine_.compiler_get_rules(compiler, &rules_) == ERROR_SUCCESS;
   compile_seconds_ = SecondsSince(start);
