@@ -10,10 +10,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <exception>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -29,10 +31,12 @@ using vond::bench::Inputs;
 using vond::bench::Results;
 
 using Part = void (*)(const Inputs&, const Extent&, Results&);
-const std::vector<std::pair<std::string, Part>> kParts{
-    {"scans", &vond::bench::MeasureScans},     {"empty", &vond::bench::MeasureEmptyRequests},
-    {"matches", &vond::bench::MeasureMatches}, {"policy", &vond::bench::MeasurePolicyLoad},
-    {"memory", &vond::bench::MeasureMemory},   {"growth", &vond::bench::MeasureGrowth}};
+constexpr std::array<std::pair<std::string_view, Part>, 6> kParts{{{"scans", &vond::bench::MeasureScans},
+                                                                   {"empty", &vond::bench::MeasureEmptyRequests},
+                                                                   {"matches", &vond::bench::MeasureMatches},
+                                                                   {"policy", &vond::bench::MeasurePolicyLoad},
+                                                                   {"memory", &vond::bench::MeasureMemory},
+                                                                   {"growth", &vond::bench::MeasureGrowth}}};
 
 Extent MakeExtent(bool full, std::size_t rounds) {
   Extent extent;
@@ -71,6 +75,7 @@ std::string Allocator() {
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): setting up the options fails only without memory
 int main(int argc, char** argv) {
   CLI::App app{"Measures the daemon beside raw libyara in the same run", "vond_bench"};
   bool full = false;
@@ -145,7 +150,7 @@ int main(int argc, char** argv) {
     const auto start = std::chrono::steady_clock::now();
     for (const auto& [name, measure] : kParts) {
       if (only.empty() || std::find(only.begin(), only.end(), name) != only.end()) {
-        results.Begin(name);
+        results.Begin(std::string(name));
         measure(inputs, extent, results);
       }
     }

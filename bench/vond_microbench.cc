@@ -56,7 +56,7 @@ void MessageOfMatches(benchmark::State& state) {
   if (outcome.matches.size() != count) {
     state.SkipWithError("the rules made to match do not");
   }
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     yara_lib::YaraScanResult message;
     korvo::yara::yara_lib::ScanOutcomeToMessage(outcome, message);
     benchmark::DoNotOptimize(message.ByteSizeLong());
@@ -78,7 +78,7 @@ void PolicyDocument(benchmark::State& state) {
             R"(", "item": {"key": "action", "value": {"string_value": "disable"}}})";
   }
   json += "]}";
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     UserConfigData document;
     if (korvo::static_pattern_matching_daemon::JsonToMessage(json, document) != 0) {
       state.SkipWithError("the document does not parse");
@@ -89,14 +89,14 @@ BENCHMARK(PolicyDocument)->Arg(0)->Arg(100)->Unit(benchmark::kMicrosecond);
 
 // The stages of a packed policy of 5,000 rules, and the whole of it; what is left of that is reading and validating.
 void StageDecode(benchmark::State& state) {
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     benchmark::DoNotOptimize(DecodeRuleSet(PackedPolicy()).size());
   }
 }
 BENCHMARK(StageDecode)->Unit(benchmark::kMillisecond);
 
 void StageCompile(benchmark::State& state) {
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     benchmark::DoNotOptimize(YaraLib::Instance().Compile(PolicySource(), false).GetChecksum());
   }
 }
@@ -104,7 +104,7 @@ BENCHMARK(StageCompile)->Unit(benchmark::kMillisecond);
 
 void StageLoad(benchmark::State& state) {
   const auto compiled = YaraLib::Instance().Compile(PolicySource(), false);
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     benchmark::DoNotOptimize(YaraLib::Instance().Load(compiled, "id", {})->size());
   }
 }
@@ -114,7 +114,7 @@ void WholePolicy(benchmark::State& state) {
   const auto file = MakeMemfd(PackedPolicy());
   UserConfigData document;
   document.add_rule_sets();
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     benchmark::DoNotOptimize(YaraConfig(document, {file.Get()}).GetRuleSets().size());
   }
 }
@@ -125,7 +125,7 @@ void PoolHandOff(benchmark::State& state) {
   korvo::utils::ThreadPool pool("", 1, 1, 200, std::chrono::minutes(1));
   pool.StartThreads(1);
   std::atomic<int> done{0};
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     done = 0;
     pool.AddTask([&done] {
       done = 1;
@@ -150,7 +150,7 @@ void ChannelSendReceive(benchmark::State& state) {
   korvo_daemon::Request request;
   request.mutable_header()->set_id(1);
   request.mutable_generic_data_request()->set_data("\x12\x01");
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     korvo_daemon::Request received;
     std::vector<int> fds;
     if (sender.SendMessageWithFds(request, sent) != 0 || receiver.ReceiveMessage(received, 131072, fds, -1) != 0) {
@@ -165,7 +165,7 @@ void ChannelSendReceive(benchmark::State& state) {
 BENCHMARK(ChannelSendReceive);
 
 void LogLineBelowLevel(benchmark::State& state) {
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     LOG_DEBUG("Got request with ", state.iterations(), " fds");
     benchmark::ClobberMemory();
   }
@@ -176,7 +176,7 @@ BENCHMARK(LogLineBelowLevel);
 
 int main(int argc, char** argv) {
   if (const char* const why = vond::bench::WhyBuildIsRefused()) {
-    std::fprintf(stderr, "vond_microbench: %s\n", why);
+    static_cast<void>(std::fprintf(stderr, "vond_microbench: %s\n", why));
     return 1;
   }
   korvo::utils::SetLogLevel(2);
