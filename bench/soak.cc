@@ -9,11 +9,8 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <random>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -23,6 +20,7 @@
 #include "agent/client.h"
 #include "agent/rule_packer.h"
 #include "bench/process_figures.h"
+#include "bench/real_inputs.h"
 #include "bench/run.h"
 #include "bench/workload.h"
 #include "utils/managed_fd.h"
@@ -60,35 +58,6 @@ std::string MarkRule(std::size_t number) {
       "rule Mark_{0} : soak {{ meta: id = \"mark {0}\" action = \"inform\" strings: $mark = \"{1}\" condition: $mark "
       "}}\n",
       number, Mark(number));
-}
-
-std::vector<std::filesystem::path> FilesUnder(const std::filesystem::path& folder) {
-  std::vector<std::filesystem::path> paths;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
-    if (entry.is_regular_file() && !entry.is_symlink()) {
-      paths.push_back(entry.path());
-    }
-  }
-  std::sort(paths.begin(), paths.end());
-  return paths;
-}
-
-std::string ReadWhole(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// Rules of other people carry neither "id" nor "action": put in behind each line "meta:".
-std::string Adopt(const std::string& source, std::size_t& rules) {
-  std::istringstream lines(source);
-  std::string adopted;
-  for (std::string line; std::getline(lines, line);) {
-    adopted += line + "\n";
-    if (line.substr(std::min(line.find_first_not_of(" \t"), line.size())).starts_with("meta:")) {
-      adopted += fmt::format("id = \"adopted {}\" action = \"inform\"\n", ++rules);
-    }
-  }
-  return adopted;
 }
 
 // One of the two policies that take turns, and raw libyara with the same rules.
@@ -172,7 +141,7 @@ class SoakRun {
     } else {
       std::size_t number = 0;
       for (const auto& path : FilesUnder(options.rules)) {
-        if (path.extension() == ".yar" || path.extension() == ".yara") {
+        if (IsRuleFile(path)) {
           const std::string rules = Adopt(ReadWhole(path), adopted_rules_);
           sources[0] += rules;
           sources[1] += ++number % 2 == 0 ? rules : "";

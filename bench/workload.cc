@@ -34,11 +34,31 @@ std::string MakeRules(std::size_t count, std::uint32_t seed) {
         "rule Bench_{0} : bench {{\n  meta:\n    id = \"{0}\"\n    action = \"block\"\n    score = {1}\n"
         "  strings:\n    $text = \"{2}\"\n    $code = {{ {3:02x} 8b {4:02x} 24 ?? e8 {5:02x} {6:02x} {7:02x} 00 85 c0 "
         "}}\n"
-        "  condition:\n    uint32be(0) == 0x7f454c46 and any of them\n}}\n",
+        "  condition:\n    uint32(0) == 0x464c457f and any of them\n}}\n",
         i, random() % 100, Word(static_cast<std::uint32_t>(i % kWords), seed), random() % 256, random() % 256,
         random() % 256, random() % 256, random() % 256);
   }
   return rules;
+}
+
+std::string MakeMatchingRules(std::size_t count, std::size_t few) {
+  std::string rules;
+  for (std::size_t i = 0; i < count; ++i) {
+    rules += fmt::format(
+        "rule Match_{0} : bench {{\n  meta:\n    id = \"match {0}\"\n    action = \"inform\"\n    score = {0}\n"
+        "    family = \"bench family {1}\"\n    author = \"the generator of the benchmark\"\n    reviewed = true\n"
+        "    severity = 3\n    note = \"one of eight items\"\n  condition:\n    uint8(0) {2}\n}}\n",
+        i, i % 7, i < few ? ">= 1" : "== 2");
+  }
+  return rules;
+}
+
+ManagedFD MakeMemfd(std::string_view content) {
+  ManagedFD file(::memfd_create("bench", MFD_CLOEXEC));
+  if (!file.IsValid() || ::write(file.Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+    throw std::runtime_error("memfd failed");
+  }
+  return file;
 }
 
 std::vector<ManagedFD> MakeFiles(const FileClass& file_class, std::uint32_t seed) {
@@ -57,12 +77,9 @@ std::vector<ManagedFD> MakeFiles(const FileClass& file_class, std::uint32_t seed
                     "\x7f"
                     "ELF\x02");
     if (i % 100 == 0) {
-      content.replace(size / 2, 12, Word(static_cast<std::uint32_t>(i) % 10, seed));
+      content.replace(size / 2, 12, Word(static_cast<std::uint32_t>(i / 100) % 10, seed));
     }
-    files.emplace_back(::memfd_create("bench", MFD_CLOEXEC));
-    if (::write(files.back().Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
-      throw std::runtime_error("memfd failed");
-    }
+    files.push_back(MakeMemfd(content));
   }
   return files;
 }

@@ -11,7 +11,7 @@ jobs=$(nproc)
 build_packages=(
   cmake ninja-build g++ pkg-config
   libyara-dev libprotobuf-dev protobuf-compiler libpoco-dev libssl-dev zlib1g-dev
-  libcli11-dev libfmt-dev nlohmann-json3-dev libgtest-dev
+  libcli11-dev libfmt-dev nlohmann-json3-dev libgtest-dev libbenchmark-dev
   python3 python3-protobuf
 )
 
@@ -25,7 +25,7 @@ step() {
   local text=$1 start=$SECONDS
   shift
   printf '==> %s\n' "$text"
-  "$@" || return
+  "$@"
   printf '==> done in %d s: %s\n\n' "$((SECONDS - start))" "$text"
 }
 

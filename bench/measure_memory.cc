@@ -1,0 +1,140 @@
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+#include "agent/rule_packer.h"
+#include "bench/measurements.h"
+#include "bench/process_figures.h"
+#include "bench/run.h"
+
+namespace vond::bench {
+namespace {
+
+constexpr int kSwaps = 10;
+
+double Mib(std::size_t kib) { return static_cast<double>(kib) / 1024; }
+
+// Memory goes back after the answer.
+void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(500)); }
+
+struct RawMemory {
+  double resident_mib = 0;
+  double peak_mib = 0;
+};
+
+// Runs this program as `mode` `path` and reads what it prints.
+RawMemory MeasureRaw(const std::string& mode, const std::filesystem::path& path) {
+  const std::string command =
+      fmt::format("'{}' {} '{}'", std::filesystem::read_symlink("/proc/self/exe").string(), mode, path.string());
+  // NOLINTNEXTLINE(cert-env33-c): the command is this program itself
+  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "re"), &::pclose);
+  std::size_t resident = 0;
+  std::size_t peak = 0;
+  if (pipe == nullptr || std::fscanf(pipe.get(), "%zu %zu", &resident, &peak) != 2) {
+    throw std::runtime_error(command + " failed");
+  }
+  return {Mib(resident), Mib(peak)};
+}
+
+// A folder of its own, removed at the end.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    std::string path = (std::filesystem::temp_directory_path() / "vond_bench.XXXXXX").string();
+    if (::mkdtemp(path.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp failed");
+    }
+    path_ = path;
+  }
+  ~ScratchFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+  [[nodiscard]] const std::filesystem::path& Path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+void MeasureAtRest(const Inputs& inputs, Results& results) {
+  Daemon daemon(2);
+  Settle();
+  results.Add("memory.rest.none", "MiB", Mib(ReadFigures(daemon.Pid()).resident_kib));
+  for (const std::size_t count : inputs.RuleCounts({10, 300, kManyRules})) {
+    const std::string rules = inputs.Rules(count);
+    Daemon loaded(rules, 2);
+    Settle();
+    results.Add(fmt::format("memory.rest.{}", count), "MiB", Mib(ReadFigures(loaded.Pid()).resident_kib));
+    const auto files = inputs.Files(kFileClasses[0]);
+    if (!files.empty()) {
+      ResetPeak(loaded.Pid());
+      const std::size_t before = ReadFigures(loaded.Pid()).resident_kib;
+      static_cast<void>(loaded.Pass(files, 64));
+      const std::size_t peak = ReadFigures(loaded.Pid()).peak_resident_kib;
+      results.Add(fmt::format("memory.scans.{}", count), "MiB more at the peak of scanning, 64 in flight",
+                  Mib(peak - std::min(before, peak)));
+    }
+  }
+  constexpr std::chrono::seconds kIdle{2};
+  const double before = daemon.CpuSeconds();
+  std::this_thread::sleep_for(kIdle);
+  results.Add("idle.cpu", "ms of processor time a second", (daemon.CpuSeconds() - before) * 1e3 / kIdle.count());
+}
+
+}  // namespace
+
+void MeasureMemory(const Inputs& inputs, const Extent& /*extent*/, Results& results) {
+  MeasureAtRest(inputs, results);
+
+  const std::string rules = inputs.Rules(kManyRules);
+  const auto packed = MakeMemfd(agent::PackRuleSet(rules));
+  Daemon daemon(2);
+  Settle();
+  const double without_policy = Mib(ReadFigures(daemon.Pid()).resident_kib);
+  std::vector<double> peaks;
+  std::vector<double> residents;
+  for (int swap = 0; swap <= kSwaps; ++swap) {
+    ResetPeak(daemon.Pid());
+    daemon.Apply(packed.Get());
+    Settle();
+    const ProcessFigures figures = ReadFigures(daemon.Pid());
+    residents.push_back(Mib(figures.resident_kib));
+    if (swap > 0) {  // the first policy has none before it
+      peaks.push_back(Mib(figures.peak_resident_kib));
+    }
+  }
+  results.Add("memory.swap.first", "MiB resident", residents.front());
+  results.Add("memory.swap.tenth", "MiB resident", residents.back());
+  results.Add("memory.swap.ratio", "of resident after one", residents.back() / residents.front());
+  const Summary peak = Summarize(peaks);
+  results.Add("memory.swap.peak", "MiB", peak);
+
+  const ScratchFolder scratch;
+  const std::filesystem::path source = scratch.Path() / "rules";
+  std::ofstream(source) << rules;
+  const RawMemory compile = MeasureRaw("raw-compile", source);
+  const RawMemory load = MeasureRaw("raw-load", source.string() + ".out");
+  const RawMemory nothing = MeasureRaw("raw-load", "");
+  results.Add("memory.raw.compile_peak", "MiB", compile.peak_mib);
+  results.Add("memory.raw.load", "MiB more than without rules", load.resident_mib - nothing.resident_mib);
+  const auto more_than = [&](double without, double base) {
+    return Summary{(peak.median - without) / base, (peak.low - without) / base, (peak.high - without) / base,
+                   peak.rounds};
+  };
+  // What both processes take without rules, which is mostly their libraries, is left out on both sides.
+  results.Add("memory.swap.peak_ratio", "of what raw loading takes",
+              more_than(without_policy, load.resident_mib - nothing.resident_mib));
+  results.Add("memory.swap.peak_compile_ratio", "of the most that raw compiling takes",
+              more_than(without_policy, compile.peak_mib - nothing.resident_mib));
+}
+
+}  // namespace vond::bench

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+
+namespace vond::bench {
+
+// The memory of raw libyara, which only a process of its own shows. Each prints what is resident at its end, and what
+// was at most, in KiB, and returns an exit status.
+
+/// Compiles the rules in the file `source`, and saves them as `source` + ".out".
+int RunRawCompile(const std::string& source);
+/// Loads compiled rules; none for an empty name.
+int RunRawLoad(const std::string& image);
+
+}  // namespace vond::bench
