@@ -117,9 +117,44 @@ std::size_t Workers(pid_t pid) {
   }));
 }
 
+TEST(Robustness, WorkersAreAsManyAsThePolicyAndTheProcessorsAllow) {
+  const std::string slow =
+      "rule Slow { meta: id = \"s\" action = \"block\" condition: for all i in (0..1099511627776) : (i >= 0) }";
+  const ManagedFD file = MakeFile("x");
+  static_pattern_matching_proto::ScanRequest request;
+  request.add_rule_type(static_pattern_matching_proto::Block);
+  struct Row {
+    const char* processors;
+    const char* max_number_of_threads;
+    std::size_t workers;
+  };
+  for (const Row& row :
+       {Row{"16", "0", 4}, Row{"16", "2", 2}, Row{"16", "64", 16}, Row{"1", "64", 1}, Row{"0", "9", 4}}) {
+    auto environment = Preloading(VOND_PROCESSORS_PATH);
+    environment["VOND_PROCESSORS"] = row.processors;
+    RunningDaemon daemon(environment);
+    ASSERT_TRUE(daemon.SetRules({slow}, std::string("\"yara_timeout_in_seconds\":1,\"max_number_of_threads\":") +
+                                            row.max_number_of_threads + ","));
+    EXPECT_TRUE(daemon.WaitForLog("INFO New configuration loaded successfully"));
+    const auto log = daemon.Log();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "ERROR std::thread::hardware_concurrency() failed"),
+              row.processors == std::string("0"));
+    std::atomic<int> ends{0};
+    for (int i = 0; i < 20; ++i) {
+      daemon.Client().ScanAsync(file.Get(), request, steady_clock::now() + seconds(60),
+                                [&](const agent::ScanAnswer&) { ++ends; });
+    }
+    EXPECT_TRUE(WaitUntil([&] { return Workers(daemon.Pid()) >= row.workers; })) << row.workers;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(Workers(daemon.Pid()), row.workers);
+    daemon.Client().Process().Kill(SIGKILL);
+    EXPECT_TRUE(WaitUntil([&] { return ends == 20; }));
+  }
+}
+
 TEST(Robustness, FilesCutShortUnderScansNeverEndTheDaemon) {
   constexpr std::size_t kInFlightPerFile = 3;
-  RunningDaemon daemon(Preloading(VOND_FOUR_PROCESSORS_PATH));
+  RunningDaemon daemon(Preloading(VOND_PROCESSORS_PATH));
   std::string rules;
   std::string names;
   for (char part = 'A'; part <= 'X'; ++part) {
