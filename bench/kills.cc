@@ -42,7 +42,7 @@ struct Ends {
 };
 
 void Count(const std::optional<agent::Error>& error, steady_clock::time_point deadline, Ends& ends) {
-  ends.late += steady_clock::now() > deadline + kLateBy;
+  ends.late += steady_clock::now() > deadline + kLateBy ? 1 : 0;
   if (!error) {
     ++ends.answered;
   } else if (error->Code() == agent::ErrorCode::kDaemonDied) {
@@ -57,6 +57,7 @@ void Count(const std::optional<agent::Error>& error, steady_clock::time_point de
 // One daemon, hit by `signum` somewhere in its start, its policy or its scans. Returns how many requests were made.
 int KillOne(int signum, std::minstd_rand& random, int rules, const std::vector<ManagedFD>& files, Ends& ends) {
   std::vector<std::atomic<int>> times(files.size());  // each scan has ended; outlives the client
+  auto next = times.begin();
   agent::DaemonOptions options;
   options.executable = VOND_PATH;
   auto client = std::make_unique<agent::Client>(std::move(options));
@@ -79,10 +80,10 @@ int KillOne(int signum, std::minstd_rand& random, int rules, const std::vector<M
   Count(error, deadline, ends);
   static_pattern_matching_proto::ScanRequest scan;
   scan.add_rule_type(static_pattern_matching_proto::Block);
-  for (std::size_t i = 0; i < files.size(); ++i) {
+  for (const ManagedFD& file : files) {
     const auto scan_deadline = steady_clock::now() + kDeadline;
-    client->ScanAsync(files[i].Get(), scan, scan_deadline,
-                      [&ends, &ended = times[i], scan_deadline](const agent::ScanAnswer& answer) {
+    client->ScanAsync(file.Get(), scan, scan_deadline,
+                      [&ends, &ended = *next++, scan_deadline](const agent::ScanAnswer& answer) {
                         ++ended;
                         Count(answer.error, scan_deadline, ends);
                       });
@@ -101,7 +102,7 @@ int KillOne(int signum, std::minstd_rand& random, int rules, const std::vector<M
 }  // namespace
 
 void Kill(int count, VerdictTable& table) {
-  std::minstd_rand random(20260102);
+  std::minstd_rand random(20260102);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same moments in every run
   const ManagedFD rules(::memfd_create("rules", MFD_CLOEXEC));
   const std::string source = MakeRules(100, 1);
   if (::write(rules.Get(), source.data(), source.size()) != static_cast<ssize_t>(source.size())) {

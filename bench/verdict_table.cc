@@ -8,13 +8,13 @@ namespace vond::bench {
 
 void VerdictTable::Add(const std::string& what, const std::string& asked, const std::string& measured, bool reached) {
   fmt::print("{:<52} {:<18} {:<30} {}\n", what, asked, measured, reached ? "reached" : "NOT REACHED");
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));
   all_reached_ = all_reached_ && reached;
 }
 
 void VerdictTable::Note(const std::string& what, const std::string& measured) {
   fmt::print("{:<52} {:<18} {}\n", what, "", measured);
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));
 }
 
 }  // namespace vond::bench

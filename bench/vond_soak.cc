@@ -9,6 +9,7 @@
 
 #include "bench/soak.h"
 
+// NOLINTNEXTLINE(bugprone-exception-escape): setting up the options fails only without memory
 int main(int argc, char** argv) {
   using vond::bench::VerdictTable;
   CLI::App app{"Runs the daemon for long, under load, and against kills", "vond_soak"};

@@ -39,12 +39,12 @@ _Unwind_Reason_Code Step(_Unwind_Context* context, void* by_vond) {
   Dl_info info{};
   const bool named = file.empty() && ::dladdr(address, &info) != 0 && info.dli_sname != nullptr;
   const std::string_view symbol = named ? info.dli_sname : "";
-  *static_cast<bool*>(by_vond) = file.empty() && symbol.find("InnerMap") == symbol.npos;
-  bool standard = file.find("libstdc++") != file.npos;
+  *static_cast<bool*>(by_vond) = file.empty() && symbol.find("InnerMap") == std::string_view::npos;
+  bool standard = file.find("libstdc++") != std::string_view::npos;
   for (const char* const mangled : {"_ZNSt", "_ZNKSt", "_ZSt", "_ZN9__gnu_cxx"}) {
     standard = standard || symbol.starts_with(mangled);
   }
-  return standard || file.find("vond_failing_calls") != file.npos ? _URC_NO_REASON : _URC_NORMAL_STOP;
+  return standard || file.find("vond_failing_calls") != std::string_view::npos ? _URC_NO_REASON : _URC_NORMAL_STOP;
 }
 
 // Whether this is the call that fails; errno is then set. Called in signal context too: does not allocate.
@@ -126,6 +126,7 @@ void _ZN4Poco6Crypto16initializeCryptoEv() {
 
 }  // extern "C"
 
+// NOLINTNEXTLINE(cert-dcl54-cpp,misc-new-delete-overloads): the standard library's delete frees what malloc gave
 void* operator new(std::size_t size) {
   void* const memory = running && Fails("new") ? nullptr : std::malloc(size);
   return memory == nullptr ? throw std::bad_alloc() : memory;

@@ -6,6 +6,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <stdexcept>
 
 namespace vond::test {
@@ -53,7 +54,7 @@ std::vector<std::pair<std::string, std::string>> DamagedRuleSets() {
     // Rules followed by comment lines: what is left of these is still good source.
     std::string comment;
     for (int i = 0; i < 40; ++i) {
-      comment += "// " + std::to_string(i * i * 15485863L % 1000003) + "\n";
+      comment += "// " + std::to_string(std::int64_t{i} * i * 15485863 % 1000003) + "\n";
     }
     const std::string gzip = Gzip(text + comment);
     const std::string packed = Encrypt(gzip);
