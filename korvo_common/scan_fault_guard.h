@@ -10,7 +10,8 @@ namespace korvo_common {
 /// handlers that it swaps in and out process-wide, without a lock before its version 4.5: two scans at once lose the
 /// process's own handlers for good. Instead, while a thread is inside a scan,
 ///  - the process's sigaction() (libc_overrides.cc) leaves SIGBUS and SIGSEGV alone, so our handler stays;
-///  - its mmap() (there too) notes where the scanned file is mapped;
+///  - its mmap() (there too) notes where the scanned file is mapped, or hands out a copy of a small one, which nobody
+///    can cut short (scanned_file_copy.h);
 ///  - the fatal trampoline (SignalDispatcher) asks HandleScanFault(), which puts zeros in the file's place and lets the
 ///    thread go on. The scan then knows from HasFaulted() that what it saw was not the file.
 /// All of it takes effect only once ArmScanFaultGuard() has been called; before that libyara's own way stays.
