@@ -4,6 +4,7 @@
 #include <Poco/Crypto/CipherFactory.h>
 #include <Poco/Crypto/CipherKey.h>
 #include <Poco/Crypto/CryptoStream.h>
+#include <Poco/Crypto/OpenSSLInitializer.h>
 #include <Poco/DeflatingStream.h>
 
 #include <ios>
@@ -21,6 +22,8 @@ constexpr std::string_view kEmptyGzip("\x1f\x8b\x08\0\0\0\0\0\0\x03\x03\0\0\0\0\
 }  // namespace
 
 std::string PackRuleSet(const std::string& source) {
+  // POCO sets OpenSSL up with its first cipher and takes it down with the last one, and two threads may meet between.
+  static const Poco::Crypto::OpenSSLInitializer kept_up;
   constexpr std::string_view kKey = korvo::utils::kPackedRuleSetKey;
   const Poco::Crypto::CipherKey::ByteVec key(kKey.begin(), kKey.end());
   const Poco::Crypto::CipherKey::ByteVec no_iv;
