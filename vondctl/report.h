@@ -10,6 +10,7 @@
 
 #include "static_pattern_matching/proto/StaticPatternMatching.pb.h"
 #include "vondctl/policy_explainer.h"
+#include "vondctl/verb.h"
 
 namespace vond::vondctl {
 
@@ -31,8 +32,6 @@ struct FileReport {
   std::optional<int> engine_error;  ///< libyara's code, if that is why
   std::string error;                ///< why the file is neither clean nor a match
 };
-
-enum class Format { kText, kJsonLines };
 
 /// Writes results to standard output as they come, progress to a terminal on standard error, and the summary, in which
 /// every file stands in exactly one class. One thread.

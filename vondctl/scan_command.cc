@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <deque>
@@ -23,10 +24,19 @@
 #include "vondctl/file_walker.h"
 #include "vondctl/policy_explainer.h"
 #include "vondctl/policy_source.h"
+#include "vondctl/report.h"
 #include "vondctl/text.h"
 
 namespace vond::vondctl {
 namespace {
+
+constexpr const char* kScanFooter =
+    "Examples:\n"
+    "  vondctl scan --rules rules/ /usr/bin\n"
+    "  vondctl scan --policy policy.json --format jsonl /srv > results.jsonl\n"
+    "\n"
+    "Exit status: 0 nothing matched, 1 something matched, 2 something was not scanned (whatever\n"
+    "matched), 3 the policy was refused, 4 the daemon failed, 64 wrong usage.\n";
 
 using korvo::utils::CondVar;
 using korvo::utils::Mutex;
@@ -49,6 +59,17 @@ constexpr int kCouldNotMapFile = 4;
 constexpr int kScanTimeout = 26;
 constexpr int kTooManyMatches = 30;
 constexpr int kTooManyFibers = 46;
+
+// What `vondctl scan` was asked for.
+struct ScanArguments {
+  std::vector<std::string> rules;  // rule files and folders; or else
+  std::string policy;              // a policy file
+  std::vector<std::string> paths;  // what to scan
+  std::int32_t file_type = 0;
+  std::uint32_t timeout_in_seconds = 30;  // for `rules`; a policy file has its own
+  std::string executable;                 // of vond; empty: the one that belongs to this vondctl
+  bool all = false;                       // report clean files too
+};
 
 std::string EngineErrorText(int code, std::uint32_t timeout_in_seconds) {
   switch (code) {
@@ -297,9 +318,7 @@ std::optional<int> InstallPolicy(agent::Client& client, const PolicySource& poli
   }
 }
 
-}  // namespace
-
-int RunScan(const ScanArguments& arguments) {
+int RunScan(const ScanArguments& arguments, const CommonOptions& common) {
   // The policy is also judged in this process, by the daemon's code; results go where that would log.
   korvo::utils::SetLogLevel(0);
   korvo::utils::EnableAssertionLines(false);
@@ -315,19 +334,19 @@ int RunScan(const ScanArguments& arguments) {
 
     agent::DaemonOptions options;
     options.executable = arguments.executable.empty() ? FindVond() : arguments.executable;
-    if (arguments.verbosity > 0) {
+    if (common.verbosity > 0) {
       options.on_output = [](agent::OutputStream, const std::string& line) {
         std::cerr << fmt::format("vond: {}\n", EscapeForTerminal(line));
       };
     }
     agent::Client client(std::move(options));
     PolicyJudgement judgement;
-    const std::uint32_t log_level = arguments.verbosity == 0 ? 3 : 5 + static_cast<std::uint32_t>(arguments.verbosity);
+    const std::uint32_t log_level = common.verbosity == 0 ? 3 : 5 + static_cast<std::uint32_t>(common.verbosity);
     if (const auto status = InstallPolicy(client, policy, log_level, judgement)) {
       return *status;
     }
 
-    Reporter reporter(arguments.report);
+    Reporter reporter({common.format, arguments.all, common.quiet});
     reporter.Policy(judgement.rule_sets);
     FileWalker walker(arguments.paths);
     Scan scan(client, policy, request, reporter);
@@ -353,6 +372,38 @@ int RunScan(const ScanArguments& arguments) {
     Complain(e.what());
     return kDaemonFailed;
   }
+}
+
+void AddScanOptions(CLI::App& scan, ScanArguments& arguments) {
+  // One value per option, so that the paths behind it stay paths.
+  auto* const rules =
+      scan.add_option("-r,--rules", arguments.rules, "Rule file, or folder of *.yar and *.yara files; may be repeated");
+  rules->allow_extra_args(false)->type_name("FILE|DIR");
+  auto* const policy =
+      scan.add_option("-p,--policy", arguments.policy, "Policy file: the daemon's JSON with a \"path\" per rule set");
+  policy->type_name("FILE")->excludes(rules);
+  scan.add_flag("--all", arguments.all, "Report clean files too");
+  scan.add_option("--file-type", arguments.file_type, "File type whose rule sets are used (default 0)");
+  scan.add_option("--timeout", arguments.timeout_in_seconds,
+                  "Seconds per scan with --rules (default 30, 0 is no limit); a policy file has its own")
+      ->excludes(policy);
+  scan.add_option("--vond", arguments.executable, "Path of the daemon's program")->type_name("FILE");
+  scan.add_option("PATH", arguments.paths, "Files and folders to scan")->required()->type_name("");
+  scan.footer(kScanFooter);
+}
+
+}  // namespace
+
+VerbRun AddScanCommand(CLI::App& app, const CommonOptions& common) {
+  const auto arguments = std::make_shared<ScanArguments>();
+  AddScanOptions(app, *arguments);
+  return [arguments, &common] {
+    if (arguments->rules.empty() && arguments->policy.empty()) {
+      Complain("--rules or --policy is required");
+      return static_cast<int>(kUsage);
+    }
+    return RunScan(*arguments, common);
+  };
 }
 
 }  // namespace vond::vondctl

@@ -1,8 +1,10 @@
 #include "vondctl/text.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cstddef>
+#include <cstdlib>
 
 namespace vond::vondctl {
 
@@ -22,6 +24,38 @@ std::string EscapeForTerminal(std::string_view text) {
     }
   }
   return result;
+}
+
+bool UseColor(ColorMode mode, int fd) {
+  if (mode != ColorMode::kAuto) {
+    return mode == ColorMode::kAlways;
+  }
+  const char* const no_color = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  return (no_color == nullptr || *no_color == '\0') && ::isatty(fd) == 1;
+}
+
+std::string Paint(std::string_view text, Color color, bool enabled) {
+  if (!enabled) {
+    return std::string(text);
+  }
+  const char* code = "1";
+  switch (color) {
+    case Color::kRed:
+      code = "1;31";
+      break;
+    case Color::kGreen:
+      code = "32";
+      break;
+    case Color::kYellow:
+      code = "33";
+      break;
+    case Color::kCyan:
+      code = "36";
+      break;
+    case Color::kBold:
+      break;
+  }
+  return fmt::format("\x1b[{}m{}\x1b[0m", code, text);
 }
 
 }  // namespace vond::vondctl
