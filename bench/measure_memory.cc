@@ -1,10 +1,12 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -90,9 +92,52 @@ void MeasureAtRest(const Inputs& inputs, Results& results) {
   results.Add("idle.cpu", "ms of processor time a second", (daemon.CpuSeconds() - before) * 1e3 / kIdle.count());
 }
 
+// Resident memory while scans run: the median of some looks, since it goes up and down with them.
+double ResidentUnderLoad(const Daemon& daemon) {
+  std::vector<double> looks;
+  for (int i = 0; i < 20; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    looks.push_back(Mib(ReadFigures(daemon.Pid()).resident_kib));
+  }
+  return Summarize(looks).median;
+}
+
+void MeasureSwapsUnderLoad(const Inputs& inputs, int swaps, int rule_set_fd, Results& results) {
+  const auto files = inputs.Files(kFileClasses[0]);
+  if (files.empty()) {
+    return;
+  }
+  Daemon daemon(2);
+  daemon.Apply(rule_set_fd);
+  std::atomic<bool> stop{false};
+  auto load = std::async(std::launch::async, [&] {
+    while (!stop) {
+      static_cast<void>(daemon.Pass(files, kUsualInFlight));
+    }
+  });
+  double first = 0;
+  double last = 0;
+  try {
+    daemon.Apply(rule_set_fd);
+    first = ResidentUnderLoad(daemon);
+    for (int swap = 1; swap < swaps; ++swap) {
+      daemon.Apply(rule_set_fd);
+    }
+    last = ResidentUnderLoad(daemon);
+  } catch (...) {
+    stop = true;
+    throw;
+  }
+  stop = true;
+  load.get();  // throws if a file was not scanned
+  results.Add("memory.load.first", "MiB resident under load after the first swap", first);
+  results.Add("memory.load.last", fmt::format("MiB resident under load after {} swaps", swaps), last);
+  results.Add("memory.load.ratio", "of resident after the first swap", last / first);
+}
+
 }  // namespace
 
-void MeasureMemory(const Inputs& inputs, const Extent& /*extent*/, Results& results) {
+void MeasureMemory(const Inputs& inputs, const Extent& extent, Results& results) {
   MeasureAtRest(inputs, results);
 
   const std::string rules = inputs.Rules(kManyRules);
@@ -117,6 +162,7 @@ void MeasureMemory(const Inputs& inputs, const Extent& /*extent*/, Results& resu
   results.Add("memory.swap.ratio", "of resident after one", residents.back() / residents.front());
   const Summary peak = Summarize(peaks);
   results.Add("memory.swap.peak", "MiB", peak);
+  MeasureSwapsUnderLoad(inputs, extent.swaps_under_load, packed.Get(), results);
 
   const ScratchFolder scratch;
   const std::filesystem::path source = scratch.Path() / "rules";

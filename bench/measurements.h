@@ -17,6 +17,7 @@ struct Extent {
   std::vector<std::uint32_t> workers;
   std::vector<std::size_t> curve_rule_counts;
   std::vector<std::size_t> curve_file_sizes;
+  int swaps_under_load = 20;
 };
 
 /// What an agent has in flight where nothing else is said.

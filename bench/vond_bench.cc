@@ -52,6 +52,7 @@ Extent MakeExtent(bool full, std::size_t rounds) {
   if (full) {
     extent.curve_rule_counts = {10, 30, 100, 300, 1000, 3000, 10000};
     extent.curve_file_sizes = {4 << 10, 16 << 10, 64 << 10, 256 << 10, 1 << 20, 4 << 20, 16 << 20};
+    extent.swaps_under_load = 100;
   }
   return extent;
 }

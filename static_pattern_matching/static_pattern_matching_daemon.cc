@@ -128,9 +128,9 @@ void StaticPatternMatchingDaemon::HandleRequest(const Request& request, const st
   } catch (const std::exception& e) {
     LOG_ERROR("Exception in thread pool: ", e.what());
   }
-  if (request.has_config()) {
-    // Compiling leaves most of its working memory in the allocator's free lists. Given back once the answer is out and
-    // no lock is held.
+  if (scanner_.TakeConfigFreed() || request.has_config()) {
+    // Compiling leaves most of its working memory in the allocator's free lists, and so does a policy that nobody uses
+    // any more. Given back once the answer is out and no lock is held.
     ::malloc_trim(0);
   }
 }

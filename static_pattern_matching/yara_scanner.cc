@@ -47,7 +47,10 @@ ScanResponse YaraScanner::ScanFile(int fd, const ScanRequest& request) {
 
 void YaraScanner::UpdateConfig(const UserConfigData& user_config, const std::vector<int>& fds) {
   LOG_INFO("Updating YaraScanner's configuration..");
-  std::shared_ptr<const YaraConfig> config = std::make_shared<const YaraConfig>(user_config, fds);
+  std::shared_ptr<const YaraConfig> config(new YaraConfig(user_config, fds), [this](const YaraConfig* freed) {
+    delete freed;
+    config_freed_ = true;
+  });
   const MutexLock lock(mutex_);
   config_.swap(config);
   // The old configuration goes with `config`, which outlives the lock.

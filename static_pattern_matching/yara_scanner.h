@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -23,8 +24,13 @@ class YaraScanner {
   void UpdateConfig(const static_pattern_matching_proto::UserConfigData& user_config, const std::vector<int>& fds)
       EXCLUDES(mutex_);
 
+  /// Whether a configuration has been freed since the last call. Mostly that is at the swap, but a scan that began
+  /// before it keeps the old one until its own end.
+  [[nodiscard]] bool TakeConfigFreed() noexcept { return config_freed_ && config_freed_.exchange(false); }
+
  private:
   korvo::utils::Mutex mutex_;
+  std::atomic<bool> config_freed_{false};                        // before config_, whose end sets it
   std::shared_ptr<const YaraConfig> config_ GUARDED_BY(mutex_);  // empty until the first policy
 };
 

@@ -107,6 +107,44 @@ TEST(Robustness, DescriptorsComeBackWhateverTheRequests) {
               sent, answers.load(), idle.size(), left.size());
 }
 
+#ifndef VOND_SANITIZED  // whose allocators keep what is freed
+// Resident memory of a process in MiB.
+double ResidentMib(pid_t pid) {
+  std::ifstream statm("/proc/" + std::to_string(pid) + "/statm");
+  double size = 0;
+  double resident = 0;
+  statm >> size >> resident;
+  return resident * static_cast<double>(::sysconf(_SC_PAGESIZE)) / (1 << 20);
+}
+
+TEST(Robustness, MemoryOfAPolicyComesBackFromTheLastScanThatUsesIt) {
+  auto environment = Preloading(VOND_PROCESSORS_PATH);
+  environment["VOND_PROCESSORS"] = "2";  // a worker for the scan, and one for the policy
+  RunningDaemon daemon(environment);
+  ASSERT_TRUE(daemon.SetRules({kRuleA}, "", 3));
+  const double before = ResidentMib(daemon.Pid());
+  std::string large =
+      "rule Slow { meta: id = \"s\" action = \"block\" condition: for all i in (0..400000000) : (i >= 0) }\n";
+  for (int i = 0; i < 10'000; ++i) {
+    const std::string number = std::to_string(i);
+    large.append("rule R").append(number).append(" { meta: id = \"").append(number);
+    large.append("\" action = \"block\" strings: $a = \"number ").append(number).append("\" condition: $a }\n");
+  }
+  ASSERT_TRUE(daemon.SetRules({large}, R"("yara_timeout_in_seconds":3,)", 3));
+  const ManagedFD file = MakeFile("alpha");
+  std::atomic<bool> ended{false};
+  daemon.Client().ScanAsync(file.Get(), BlockScan(), steady_clock::now() + seconds(60),
+                            [&](const agent::ScanAnswer&) { ended = true; });
+  ASSERT_TRUE(daemon.SetRules({kRuleA}, "", 3));
+  const double swapped = ResidentMib(daemon.Pid());
+  ASSERT_FALSE(ended);  // it has the old policy still
+  ASSERT_TRUE(WaitUntil([&] { return ended.load(); }));
+  EXPECT_TRUE(WaitUntil([&] { return ResidentMib(daemon.Pid()) < before * 1.5; }, seconds(5)));
+  std::printf("resident with one rule: %.1f MiB, after 10,000 with a scan still at it: %.1f, after that scan: %.1f\n",
+              before, swapped, ResidentMib(daemon.Pid()));
+}
+#endif
+
 // How many of the daemon's threads are workers.
 std::size_t Workers(pid_t pid) {
   const std::filesystem::directory_iterator threads("/proc/" + std::to_string(pid) + "/task");
