@@ -1,4 +1,5 @@
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
@@ -9,6 +10,7 @@
 
 #include "bench/measurements.h"
 #include "bench/run.h"
+#include "bench/slowest_rule.h"
 
 namespace vond::bench {
 namespace {
@@ -121,9 +123,27 @@ class Group {
   std::optional<std::size_t> matches_;
 };
 
+// Rules are not alike: one of them may take most of the time.
+void NameSlowestRules(const Inputs& inputs, const Extent& extent, Results& results) {
+  constexpr std::size_t kSampleSize = 64 << 10;
+  std::string sample(kSampleSize, '\0');
+  const auto files = inputs.Files({"sample", kSampleSize, 512 << 10, 1});
+  if (files.empty() ||
+      ::pread(files.front().Get(), sample.data(), sample.size(), 0) != static_cast<ssize_t>(kSampleSize)) {
+    return;
+  }
+  for (const std::size_t rule_count : inputs.RuleCounts(extent.rule_counts)) {
+    const SlowestRule slowest = FindSlowestRule(inputs.Rules(rule_count), sample);
+    results.Note(fmt::format("slowest of {} rules", rule_count),
+                 fmt::format("{}, {:.1f} us of 64 KiB; all of them {:.0f} us", slowest.name, slowest.micros,
+                             slowest.all_micros));
+  }
+}
+
 }  // namespace
 
 void MeasureScans(const Inputs& inputs, const Extent& extent, Results& results) {
+  NameSlowestRules(inputs, extent, results);
   for (const FileClass& file_class : kFileClasses) {
     for (const std::size_t rule_count : inputs.RuleCounts(extent.rule_counts)) {
       Group(file_class, rule_count, inputs, extent).Run(results);
