@@ -126,6 +126,7 @@ class Group {
 // Rules are not alike: one of them may take most of the time.
 void NameSlowestRules(const Inputs& inputs, const Extent& extent, Results& results) {
   constexpr std::size_t kSampleSize = 64 << 10;
+  constexpr double kShareOfNote = 0.1;
   std::string sample(kSampleSize, '\0');
   const auto files = inputs.Files({"sample", kSampleSize, 512 << 10, 1});
   if (files.empty() ||
@@ -134,9 +135,11 @@ void NameSlowestRules(const Inputs& inputs, const Extent& extent, Results& resul
   }
   for (const std::size_t rule_count : inputs.RuleCounts(extent.rule_counts)) {
     const SlowestRule slowest = FindSlowestRule(inputs.Rules(rule_count), sample);
-    results.Note(fmt::format("slowest of {} rules", rule_count),
-                 fmt::format("{}, {:.1f} us of 64 KiB; all of them {:.0f} us", slowest.name, slowest.micros,
-                             slowest.all_micros));
+    const bool stands_out = slowest.micros > slowest.all_micros * kShareOfNote;
+    results.Note(
+        fmt::format("slowest of {} rules", rule_count),
+        stands_out ? fmt::format("{}, {:.0f} of {:.0f} us for 64 KiB", slowest.name, slowest.micros, slowest.all_micros)
+                   : "none stands out");
   }
 }
 

@@ -2,79 +2,87 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdint>
-#include <utility>
+#include <set>
+#include <span>
 #include <vector>
 
-#include "yara/yara_lib/yara_lib.h"
+#include "bench/run.h"
+#include "yara/yara_source/yara_source.h"
 
 namespace vond::bench {
 namespace {
 
-using korvo::yara::yara_lib::YaraLib;
-using korvo::yara::yara_lib::YaraRuleSet;
 using std::chrono::steady_clock;
+using yara_source::RuleText;
+using RuleSpan = std::span<const RuleText* const>;
 
-class Stopwatch {
+class Finder {
  public:
-  Stopwatch(const std::string& rules, std::string_view sample)
-      : set_(YaraLib::Instance().CompileAndLoad(rules, "id", false, {})), sample_(sample) {}
+  Finder(const std::string& rules, std::string_view sample)
+      : source_(rules), sample_(sample), index_(yara_source::ParseSource(rules)) {}
 
-  [[nodiscard]] YaraRuleSet& Set() { return *set_; }
+  SlowestRule Find() {
+    const std::vector<const RuleText*> candidates = Independent();
+    SlowestRule slowest;
+    slowest.all_micros = Without({});
+    RuleSpan suspects(candidates);
+    while (suspects.size() > 1) {
+      const RuleSpan first = suspects.first(suspects.size() / 2);
+      const RuleSpan second = suspects.subspan(suspects.size() / 2);
+      suspects = Without(first) < Without(second) ? first : second;
+    }
+    if (!suspects.empty()) {
+      slowest.name = suspects.front()->name;
+      slowest.micros = slowest.all_micros - Without(suspects);
+    }
+    return slowest;
+  }
 
-  // The least of several scans, in microseconds: noise only adds.
-  [[nodiscard]] double Scan(int times) const {
+ private:
+  // The rules that neither name others nor are named.
+  [[nodiscard]] std::vector<const RuleText*> Independent() const {
+    std::set<std::string> named;
+    for (const RuleText& rule : index_.rules) {
+      for (const auto& reference : rule.references) {
+        named.insert(reference.name);
+      }
+    }
+    std::vector<const RuleText*> independent;
+    for (const RuleText& rule : index_.rules) {
+      const bool is_named =
+          std::any_of(named.begin(), named.end(), [&](const std::string& name) { return rule.name.starts_with(name); });
+      if (rule.references.empty() && !is_named) {
+        independent.push_back(&rule);
+      }
+    }
+    return independent;
+  }
+
+  // What the sample takes without these rules: the least of several scans, since noise only adds. In microseconds.
+  [[nodiscard]] double Without(RuleSpan left_out) const {
+    constexpr int kScans = 9;
+    yara_source::Edits edits;
+    for (const RuleText* rule : left_out) {
+      edits.Replace(rule->whole, "");
+    }
+    const RawYara raw(edits.Apply(source_));
     double least = 0;
-    for (int i = 0; i < times; ++i) {
+    for (int i = 0; i < kScans; ++i) {
       const auto start = steady_clock::now();
-      static_cast<void>(YaraLib::Instance().ScanMemory(reinterpret_cast<const std::uint8_t*>(sample_.data()),
-                                                       sample_.size(), set_, {0, 0, 60}));
+      static_cast<void>(raw.Verdict(sample_));
       const double micros = std::chrono::duration<double, std::micro>(steady_clock::now() - start).count();
       least = i == 0 ? micros : std::min(least, micros);
     }
     return least;
   }
 
-  [[nodiscard]] double ScanWith(std::size_t rule, int times) {
-    set_->SetRuleEnabled(rule, true);
-    // The engine can't do with a condition that counts rules which are switched off.
-    const double micros = set_->FindDisabledMember() ? 0 : Scan(times);
-    set_->SetRuleEnabled(rule, false);
-    return micros;
-  }
-
- private:
-  std::shared_ptr<YaraRuleSet> set_;
-  std::string_view sample_;
+  const std::string& source_;
+  const std::string_view sample_;
+  const yara_source::SourceIndex index_;
 };
 
 }  // namespace
 
-SlowestRule FindSlowestRule(const std::string& rules, std::string_view sample) {
-  constexpr std::size_t kFinalists = 10;
-  constexpr int kTimes = 7;
-  Stopwatch stopwatch(rules, sample);
-  YaraRuleSet& set = stopwatch.Set();
-  SlowestRule slowest;
-  slowest.all_micros = stopwatch.Scan(kTimes);
-  for (std::size_t i = 0; i < set.size(); ++i) {
-    set.SetRuleEnabled(i, false);
-  }
-  const double without = stopwatch.Scan(kTimes);
-  std::vector<std::pair<double, std::size_t>> costs;
-  for (std::size_t i = 0; i < set.size(); ++i) {
-    costs.emplace_back(stopwatch.ScanWith(i, 2), i);
-  }
-  std::sort(costs.rbegin(), costs.rend());
-  costs.resize(std::min(costs.size(), kFinalists));
-  for (const auto& [micros, rule] : costs) {
-    const double again = stopwatch.ScanWith(rule, kTimes) - without;
-    if (slowest.name.empty() || again > slowest.micros) {
-      slowest.name = set.GetRule(rule).name;
-      slowest.micros = again;
-    }
-  }
-  return slowest;
-}
+SlowestRule FindSlowestRule(const std::string& rules, std::string_view sample) { return Finder(rules, sample).Find(); }
 
 }  // namespace vond::bench
