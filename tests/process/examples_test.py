@@ -1,0 +1,105 @@
+#!/usr/bin/python3
+"""examples_test.py EXAMPLE VOND: an example agent, as a program of its own, with the real vond and with daemons that
+misbehave, comes to the right end for each file."""
+import os, pathlib, subprocess, sys, tempfile, time
+
+EXAMPLE, VOND = sys.argv[1:]
+RULE = 'rule Needle { meta: id = "n" action = "block" strings: $n = "needle" condition: $n }\n'
+TWO_RULES = RULE + 'rule Hay { meta: id = "h" action = "inform" strings: $n = "hay" condition: $n }\n'
+FILES = {"needle": b"a needle in hay", "hay": b"hay", "empty": b""}  # beside them "folder", "pipe"; "missing" is not there
+
+REAL_CASES = [  # name, rules (a path, or text), names of files, exit status, standard output without the folder, in sorted order
+    ("match", RULE, ["needle"], 1, ["needle: matches Needle (block)"]),
+    ("two rules match", TWO_RULES, ["needle"], 1, ["needle: matches Needle (block), Hay (inform)"]),
+    ("no match", RULE, ["hay"], 0, ["hay: clean"]),
+    ("several", RULE, ["hay", "needle", "empty"], 1,
+     ["empty: clean", "hay: clean", "needle: matches Needle (block)"]),
+    ("an unscanned file outweighs a match", RULE, ["needle", "folder", "hay"], 2,
+     ["hay: clean", "needle: matches Needle (block)"]),
+    ("missing file", RULE, ["missing"], 2, []),
+    ("pipe without a writer", RULE, ["pipe"], 2, []),
+    ("refused policy", "rule Needle { condition: true }", ["needle"], 3, []),
+    ("rules that are a folder", pathlib.Path("folder"), ["needle"], 3, []),
+    ("no rules file", pathlib.Path("missing"), ["needle"], 3, []),
+]
+
+# What stands in for vond: answers each request with the next of ANSWERS, and at their end does LAST.
+FAKE_VOND = """#!/usr/bin/python3
+import os, socket, sys, time
+channel = socket.socket(fileno=int(sys.argv[sys.argv.index("-c") + 1].split(":")[0]))
+for answer in {answers}:
+    if not channel.recv(1 << 20):
+        sys.exit()
+    channel.send(bytes.fromhex(answer))
+channel.recv(1 << 20)
+{last}
+"""
+ACCEPTED = "0a021001 12020801"  # id 1, config_result success
+REFUSED = "0a021001 1200"
+DIE = "sys.exit(7)"
+HANG = "time.sleep(300)"
+FAKE_CASES = [  # name, answers, what then, exit status (None: 2 or 4), a part of standard error
+    ("refused", [REFUSED], DIE, 3, "refused"),
+    ("dies before its first answer", [], DIE, 4, "vond"),
+    ("dies in a scan", [ACCEPTED], DIE, 4, "needle: not scanned: "),
+    ("hangs in a scan", [ACCEPTED], HANG, 4, "in time"),
+    ("answer is no message", [ACCEPTED, "ff"], HANG, None, "needle: not scanned: "),
+    ("answer to another request", [ACCEPTED, "0a021063"], HANG, 4, "needle: not scanned: "),
+    ("answer without a result", [ACCEPTED, "0a021002"], DIE, 2, "needle: not scanned: "),
+    ("response status 1", [ACCEPTED, "0a021002 3204 0a02 0801"], DIE, 2, "response status 1"),
+    ("another rule type's entry only", [ACCEPTED, "0a021002 320a 0a08 1206 0801 1202 1200"], DIE, 2,
+     "response status 0"),
+    ("scan status 2", [ACCEPTED, "0a021002 320a 0a08 1206 0800 1202 0802"], DIE, 2, "scan status 2"),
+    ("time-out, engine error 26", [ACCEPTED, "0a021002 320c 0a0a 1208 0800 1204 1202 081a"], DIE, 2,
+     "scan status 0, engine error 26"),
+]
+USAGE_CASES = [[], [VOND, "rules"], ["-t", "0", VOND, "rules", "file"], ["-x", VOND, "rules", "file"]]
+
+failures = 0
+
+
+def check(name, ran, status, output, error_part):
+    global failures
+    fine = ran.returncode == status or (status is None and ran.returncode in (2, 4))
+    if not fine or sorted(ran.stdout.splitlines()) != output or error_part not in ran.stderr:
+        print(f"{name}: exit status {ran.returncode}, wanted {status}; output {ran.stdout!r}, wanted {output!r}; "
+              f"standard error, which must hold {error_part!r}:\n{ran.stderr}")
+        failures += 1
+
+
+def run(*arguments):
+    return subprocess.run([EXAMPLE, *arguments], capture_output=True, text=True, timeout=60)
+
+
+with tempfile.TemporaryDirectory() as name:
+    folder = pathlib.Path(name)
+    for name, content in FILES.items():
+        (folder / name).write_bytes(content)
+    (folder / "folder").mkdir()
+    os.mkfifo(folder / "pipe")
+    rule_file = folder / "rules.yar"
+
+    for name, rules, files, status, output in REAL_CASES:
+        if isinstance(rules, str):
+            rule_file.write_text(rules)
+        ran = run(VOND, rule_file if isinstance(rules, str) else folder / rules, *(folder / file for file in files))
+        unscanned = [file for file in files if file not in FILES]
+        check(name, ran, status, [f"{folder}/{line}" for line in output],
+              f"{folder}/{unscanned[0]}: not scanned: " if unscanned else "")
+
+    fake = folder / "fake_vond"
+    rule_file.write_text(RULE)
+    for name, answers, last, status, error_part in FAKE_CASES:
+        fake.write_text(FAKE_VOND.format(answers=answers, last=last))
+        fake.chmod(0o755)
+        start = time.monotonic()
+        check(name, run("-t", "1", fake, rule_file, folder / "needle"), status, [], error_part)
+        if time.monotonic() - start > 30:
+            print(f"{name}: took {time.monotonic() - start:.0f} s")
+            failures += 1
+
+    for arguments in USAGE_CASES:
+        check(f"usage {arguments}", run(*arguments), 64, [], "usage: ")
+    check("no vond", run(folder / "missing", rule_file, folder / "needle"), 4, [], "cannot start")
+
+sys.exit(1 if failures else 0)
