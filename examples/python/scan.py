@@ -4,8 +4,8 @@ another, prints what matched.
 
     scan.py [-t SECONDS] VOND RULES FILE...
 
-SECONDS is the time-out of one scan, 30 by default. Exit status: 0 nothing matched, 1 something matched, 2 a file was not
-scanned, 3 the rules were refused, 4 vond did not start, died or hung, 64 wrong usage."""
+SECONDS is the time-out of one scan, 30 by default. Exit status: 0 nothing matched, 1 something matched, 2 a file was
+not scanned, 3 the rules were refused, 4 vond did not start, died or hung, 64 wrong usage."""
 import argparse, contextlib, json, os, pathlib, socket, stat, subprocess, sys
 from google.protobuf import descriptor_pb2, message_factory
 from google.protobuf.message import DecodeError
@@ -21,7 +21,8 @@ def load_messages():
     """The schemas' message types by their full names."""
     top = pathlib.Path(__file__).resolve().parents[2]
     protoc = ["protoc", f"--proto_path={top}", "--include_imports", "-o/dev/stdout", *SCHEMAS]
-    return message_factory.GetMessages(descriptor_pb2.FileDescriptorSet.FromString(subprocess.check_output(protoc)).file)
+    schemas = descriptor_pb2.FileDescriptorSet.FromString(subprocess.check_output(protoc))
+    return message_factory.GetMessages(schemas.file)
 
 
 class VondFailed(Exception):

@@ -6,9 +6,11 @@ import os, pathlib, subprocess, sys, tempfile, time
 EXAMPLE, VOND = sys.argv[1:]
 RULE = 'rule Needle { meta: id = "n" action = "block" strings: $n = "needle" condition: $n }\n'
 TWO_RULES = RULE + 'rule Hay { meta: id = "h" action = "inform" strings: $n = "hay" condition: $n }\n'
-FILES = {"needle": b"a needle in hay", "hay": b"hay", "empty": b""}  # beside them "folder", "pipe"; "missing" is not there
+# Beside these there are "folder" and "pipe", and nothing is "missing".
+FILES = {"needle": b"a needle in hay", "hay": b"hay", "empty": b""}
 
-REAL_CASES = [  # name, rules (a path, or text), names of files, exit status, standard output without the folder, in sorted order
+# Name, rules (a path, or text), names of files, exit status, lines of standard output without the folder, sorted.
+REAL_CASES = [
     ("match", RULE, ["needle"], 1, ["needle: matches Needle (block)"]),
     ("two rules match", TWO_RULES, ["needle"], 1, ["needle: matches Needle (block), Hay (inform)"]),
     ("no match", RULE, ["hay"], 0, ["hay: clean"]),
