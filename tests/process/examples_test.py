@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """examples_test.py EXAMPLE VOND: an example agent, as a program of its own, with the real vond and with daemons that
 misbehave, comes to the right end for each file."""
-import os, pathlib, subprocess, sys, tempfile, time
+import concurrent.futures, os, pathlib, subprocess, sys, tempfile, time
 
 EXAMPLE, VOND = sys.argv[1:]
 RULE = 'rule Needle { meta: id = "n" action = "block" strings: $n = "needle" condition: $n }\n'
@@ -57,51 +57,71 @@ FAKE_CASES = [  # name, answers, what then, exit status (None: 2 or 4), a part o
 ]
 USAGE_CASES = [[], [VOND, "rules"], ["-t", "0", VOND, "rules", "file"], ["-x", VOND, "rules", "file"]]
 
-failures = 0
-
-
-def check(name, ran, status, output, error_part):
-    global failures
-    fine = ran.returncode == status or (status is None and ran.returncode in (2, 4))
-    if not fine or sorted(ran.stdout.splitlines()) != output or error_part not in ran.stderr:
-        print(f"{name}: exit status {ran.returncode}, wanted {status}; output {ran.stdout!r}, wanted {output!r}; "
-              f"standard error, which must hold {error_part!r}:\n{ran.stderr}")
-        failures += 1
 
 
 def run(*arguments):
-    return subprocess.run([EXAMPLE, *arguments], capture_output=True, text=True, timeout=60)
+    return subprocess.run([EXAMPLE, *arguments], capture_output=True, text=True, timeout=100)
 
 
-with tempfile.TemporaryDirectory() as name:
-    folder = pathlib.Path(name)
+def check(name, ran, status, output, error_part):
+    """Whether a run came out as it should; says it if not."""
+    fine = ran.returncode == status or (status is None and ran.returncode in (2, 4))
+    if fine and sorted(ran.stdout.splitlines()) == output and error_part in ran.stderr:
+        return True
+    print(f"{name}: exit status {ran.returncode}, wanted {status}; output {ran.stdout!r}, wanted {output!r}; "
+          f"standard error, which must hold {error_part!r}:\n{ran.stderr}")
+    return False
+
+
+def check_real(folder, name, rules, files, status, output):
+    rule_file = folder / (rules if isinstance(rules, pathlib.Path) else f"{name}.yar")
+    unscanned = [file for file in files if file not in FILES]
+    return check(name, run(VOND, rule_file, *(folder / file for file in files)), status,
+                 [f"{folder}/{line}" for line in output],
+                 f"{folder}/{unscanned[0]}: not scanned: " if unscanned else "")
+
+
+def check_fake(folder, name, _answers, _last, status, error_part):
+    start = time.monotonic()
+    ran = run("-t", "1", folder / f"{name}.vond", folder / "rules.yar", folder / "needle")
+    good = check(name, ran, status, [], error_part)
+    if time.monotonic() - start > 30:
+        print(f"{name}: took {time.monotonic() - start:.0f} s")
+        good = False
+    return good
+
+
+def check_no_vond(folder):
+    return check("no vond", run(folder / "missing", folder / "needle", folder / "needle"), 4, [], "cannot start")
+
+
+def check_usage(arguments):
+    return check(f"usage {arguments}", run(*arguments), 64, [], "usage: ")
+
+
+def write_files(folder):
+    """Everything before the first run: a program that is being written can't be started."""
     for name, content in FILES.items():
         (folder / name).write_bytes(content)
     (folder / "folder").mkdir()
     os.mkfifo(folder / "pipe")
-    rule_file = folder / "rules.yar"
-
-    for name, rules, files, status, output in REAL_CASES:
+    (folder / "rules.yar").write_text(RULE)
+    for name, rules, *_ in REAL_CASES:
         if isinstance(rules, str):
-            rule_file.write_text(rules)
-        ran = run(VOND, rule_file if isinstance(rules, str) else folder / rules, *(folder / file for file in files))
-        unscanned = [file for file in files if file not in FILES]
-        check(name, ran, status, [f"{folder}/{line}" for line in output],
-              f"{folder}/{unscanned[0]}: not scanned: " if unscanned else "")
-
-    fake = folder / "fake_vond"
-    rule_file.write_text(RULE)
-    for name, answers, last, status, error_part in FAKE_CASES:
+            (folder / f"{name}.yar").write_text(rules)
+    for name, answers, last, *_ in FAKE_CASES:
+        fake = folder / f"{name}.vond"
         fake.write_text(FAKE_VOND.format(answers=answers, last=last))
         fake.chmod(0o755)
-        start = time.monotonic()
-        check(name, run("-t", "1", fake, rule_file, folder / "needle"), status, [], error_part)
-        if time.monotonic() - start > 30:
-            print(f"{name}: took {time.monotonic() - start:.0f} s")
-            failures += 1
 
-    for arguments in USAGE_CASES:
-        check(f"usage {arguments}", run(*arguments), 64, [], "usage: ")
-    check("no vond", run(folder / "missing", rule_file, folder / "needle"), 4, [], "cannot start")
 
-sys.exit(1 if failures else 0)
+with tempfile.TemporaryDirectory() as name, concurrent.futures.ThreadPoolExecutor(4) as pool:
+    folder = pathlib.Path(name)
+    write_files(folder)
+    checks = [pool.submit(check_real, folder, *case) for case in REAL_CASES]
+    checks += [pool.submit(check_fake, folder, *case) for case in FAKE_CASES]
+    checks += [pool.submit(check_usage, case) for case in USAGE_CASES]
+    checks.append(pool.submit(check_no_vond, folder))
+    results = [check.result() for check in checks]
+print(f"{len(results)} cases, {results.count(False)} failures")
+sys.exit(0 if all(results) else 1)

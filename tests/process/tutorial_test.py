@@ -44,6 +44,12 @@ def matches(output, expected):
     return re.fullmatch(pattern, "".join(line + "\n" for line in output)) is not None
 
 
+def as_on_page(output, expected):
+    """The output, with those of the page's lines that hold "..." in place of the lines that they stand for."""
+    kept = [line for line in expected if line != "..." and "..." in line]
+    return [next((old for old in kept if re.fullmatch(pattern_of(old), line + "\n")), line) for line in output]
+
+
 def make_script(blocks, prepared):
     """One script of everything on the page, and its commands in their order."""
     script, commands = [], []
@@ -90,9 +96,7 @@ def update(page, commands, outputs):
     for command, output in reversed(list(zip(commands, outputs))):
         if not matches(output, command.expected):
             first = command.line - 1 + len(command.lines)
-            kept = [line for line in command.expected if line != "..."]
-            lines[first:first + len(command.expected)] = [
-                next((old for old in kept if re.fullmatch(pattern_of(old), line + "\n")), line) for line in output]
+            lines[first:first + len(command.expected)] = as_on_page(output, command.expected)
     pathlib.Path(page).write_text("\n".join(lines) + "\n")
 
 
@@ -110,7 +114,8 @@ def main(page, vondctl, *options):
         if not matches(output, command.expected):
             failures += 1
             print(f"{page}:{command.line}: $ {command.lines[0]}")
-            print(*difflib.unified_diff(command.expected, output, "the page", "what it prints", lineterm=""), sep="\n")
+            print(*difflib.unified_diff(command.expected, as_on_page(output, command.expected), "the page",
+                                        "what it prints", lineterm=""), sep="\n")
     if len(outputs) != len(commands):
         failures += 1
         print(f"{len(commands)} commands, of which {len(outputs)} have ended")
