@@ -181,7 +181,7 @@ YaraScanOutcome ScanWithRetries(const std::shared_ptr<YaraRuleSet>& rule_set, co
   }
   outcome.matches = std::move(context.matches);
   for (std::size_t i = 0; i < outcome.matches.size(); ++i) {
-    outcome.match_by_name.emplace(outcome.matches[i].name, i);
+    outcome.match_by_name.emplace(outcome.matches[i]->name, i);
   }
   return outcome;
 }
