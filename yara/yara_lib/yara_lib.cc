@@ -257,7 +257,7 @@ CompiledRules YaraLib::Compile(const std::string& source, bool treat_warnings_as
     FailWithError(335, "!error", "could not write compiled rules to stream", error);
   }
   const std::uint32_t checksum = CompiledRules::Checksum(compilation.output);
-  return {std::make_shared<const CompiledRules::Bytes>(compilation.output.begin(), compilation.output.end()), checksum};
+  return {std::make_shared<const CompiledRules::Bytes>(std::move(compilation.output)), checksum};
 }
 
 std::shared_ptr<YaraRuleSet> YaraLib::Load(const CompiledRules& compiled_rules, const std::string& id_key,

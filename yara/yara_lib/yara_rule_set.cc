@@ -31,6 +31,9 @@ class UnexpectedIndex : public std::bad_variant_access {
 std::vector<YaraMetadataItem> ReadMetadata(const YR_RULE* rule, bool& replaced) {
   std::vector<YaraMetadataItem> items;
   const YR_META* meta = nullptr;
+  std::size_t count = 0;
+  yr_rule_metas_foreach(rule, meta) { ++count; }
+  items.reserve(count);
   yr_rule_metas_foreach(rule, meta) {
     switch (meta->type) {
       case META_TYPE_INTEGER:
