@@ -23,7 +23,7 @@ bool IsSame(const YaraScanOutcome& left, const YaraScanOutcome& right) {
   return left.error == kTimedOut || right.error == kTimedOut ||
          (left.error == right.error &&
           std::equal(left.matches.begin(), left.matches.end(), right.matches.begin(), right.matches.end(),
-                     [](const auto& one, const auto& other) { return one.name == other.name; }));
+                     [](const auto& one, const auto& other) { return one->name == other->name; }));
 }
 
 }  // namespace

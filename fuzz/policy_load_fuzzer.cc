@@ -84,11 +84,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(ActionFromWord(Text(rule, "action")) != RuleAction::kInvalid, "every rule has an action");
   }
   const auto outcome = YaraLib::Instance().ScanFileDescriptor(rules, target.Get(), {1, 0, 1});
-  for (const YaraRuleInfo& rule : outcome.matches) {
-    Require(ActionFromWord(Text(rule, "action")) != RuleAction::kDisable, "no disabled rule matches");
+  for (const auto& rule : outcome.matches) {
+    Require(ActionFromWord(Text(*rule, "action")) != RuleAction::kDisable, "no disabled rule matches");
   }
-  yara_lib::YaraScanResult result;
-  ScanOutcomeToMessage(outcome, result);
-  Require(yara_lib::YaraScanResult().ParseFromString(result.SerializeAsString()), "what matched can be sent");
+  Require(yara_lib::YaraScanResult().ParseFromString(SerializeOutcome(outcome)), "what matched can be sent");
   return 0;
 }

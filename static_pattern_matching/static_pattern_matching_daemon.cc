@@ -22,7 +22,7 @@ using korvo_daemon::Config;
 using korvo_daemon::Request;
 using korvo_daemon::Response;
 using static_pattern_matching_proto::ScanRequest;
-using static_pattern_matching_proto::ScanResponse;
+using static_pattern_matching_proto::SentScanResponse;
 using static_pattern_matching_proto::UserConfigData;
 
 constexpr std::size_t kMaxRequestSize = 131072;
@@ -61,11 +61,11 @@ std::uint64_t WorkerCount(const UserConfigData& user_config) {
   return std::min(hardware, ceiling == 0 ? kDefaultMaxThreads : ceiling);
 }
 
-std::string SerializeScanResponse(const ScanResponse& response) {
+std::string SerializeScanResponse(const SentScanResponse& response) {
   std::string bytes;
   if (!response.SerializeToString(&bytes)) {
     LOG_ERROR("Failed to serialize scan response to string");
-    ScanResponse failed;
+    SentScanResponse failed;
     failed.set_status(static_pattern_matching_proto::ResponseStatus_ProtobufError);
     bytes = failed.SerializeAsString();
   }
@@ -191,7 +191,7 @@ void StaticPatternMatchingDaemon::ApplyPolicy(const Config& config, const std::v
 
 void StaticPatternMatchingDaemon::ProcessFileScan(const Request& request, const std::vector<int>& fds,
                                                   Response& response) {
-  ScanResponse scan_response;
+  SentScanResponse scan_response;
   try {
     const int fd = korvo::utils::VectorAt(fds, 0);
     const std::string& data = request.generic_data_request().data();

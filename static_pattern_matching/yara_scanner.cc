@@ -14,19 +14,19 @@ using korvo::utils::MutexLock;
 using korvo::yara::yara_lib::YaraLib;
 using korvo::yara::yara_lib::YaraScanOptions;
 using static_pattern_matching_proto::ScanRequest;
-using static_pattern_matching_proto::ScanResponse;
-using static_pattern_matching_proto::ScanResult;
+using static_pattern_matching_proto::SentScanResponse;
+using static_pattern_matching_proto::SentScanResult;
 using static_pattern_matching_proto::UserConfigData;
 
-ScanResponse YaraScanner::ScanFile(int fd, const ScanRequest& request) {
-  ScanResponse response;
+SentScanResponse YaraScanner::ScanFile(int fd, const ScanRequest& request) {
+  SentScanResponse response;
   std::shared_ptr<const YaraConfig> config;
   {
     const MutexLock lock(mutex_);
     config = config_;
   }
   for (const int rule_type : request.rule_type()) {
-    ScanResult entry;
+    SentScanResult entry;
     try {
       if (config == nullptr) {
         throw YaraConfig::Exception("no policy has been installed yet");
@@ -34,7 +34,7 @@ ScanResponse YaraScanner::ScanFile(int fd, const ScanRequest& request) {
       const YaraConfig::RuleSetPtr& rule_set = MapAt(MapAt(config->GetRuleSets(), request.file_type()), rule_type);
       const UserConfigData& user_config = config->GetUserConfig();
       const YaraScanOptions options{1, user_config.yara_retries_on_match(), user_config.yara_timeout_in_seconds()};
-      ScanOutcomeToMessage(YaraLib::Instance().ScanFileDescriptor(rule_set, fd, options), *entry.mutable_result());
+      entry.set_result(SerializeOutcome(YaraLib::Instance().ScanFileDescriptor(rule_set, fd, options)));
     } catch (const std::exception& e) {
       LOG_ERROR("ScanFile failed with error: ", e.what());
       entry.Clear();

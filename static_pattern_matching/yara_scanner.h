@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "static_pattern_matching/proto/SentScanResponse.pb.h"
 #include "static_pattern_matching/proto/StaticPatternMatching.pb.h"
 #include "static_pattern_matching/yara_config.h"
 #include "utils/mutex.h"
@@ -17,7 +18,7 @@ class YaraScanner {
   /// Scans the file once for each rule type asked for. Failures are reported per rule type: no rule set for the file's
   /// type and this rule type, no configuration yet, or a failing engine give ScanStatus_YaraScanFailed. An engine error
   /// in a result is not a failure of this kind. `fd` stays the caller's.
-  [[nodiscard]] static_pattern_matching_proto::ScanResponse ScanFile(
+  [[nodiscard]] static_pattern_matching_proto::SentScanResponse ScanFile(
       int fd, const static_pattern_matching_proto::ScanRequest& request) EXCLUDES(mutex_);
 
   /// Loads a configuration and makes it current. Throws what YaraConfig throws; the old one then stays.

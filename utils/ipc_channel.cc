@@ -23,7 +23,7 @@ struct SerializedMessage {
 SerializedMessage Serialize(const google::protobuf::Message& message) {
   SerializedMessage result;
   result.size = message.ByteSizeLong();
-  result.bytes = std::make_unique<char[]>(result.size);
+  result.bytes = std::make_unique_for_overwrite<char[]>(result.size);
   if (!message.SerializeToArray(result.bytes.get(), static_cast<int>(result.size))) {
     LOG_ERROR("Failed to serialize message: ", message.ShortDebugString());
     result.bytes.reset();
@@ -106,7 +106,7 @@ int IpcChannel::Receive(void* buf, std::size_t size, std::size_t& received, int 
 
 int IpcChannel::ReceiveMessage(google::protobuf::Message& message, std::size_t max_size, std::vector<int>& fds,
                                int timeout_ms) {
-  const auto buffer = std::make_unique<char[]>(max_size);
+  const auto buffer = std::make_unique_for_overwrite<char[]>(max_size);
   std::size_t received = 0;
   const int result = Receive(buffer.get(), max_size, received, fds, timeout_ms);
   if (result != 0) {

@@ -46,8 +46,8 @@ inline std::shared_ptr<YaraRuleSet> LoadRules(const std::string& source, const s
 /// "error <n> " if the scan failed, then the names of the matched rules, separated by blanks.
 inline std::string Summary(const YaraScanOutcome& outcome) {
   std::string text = outcome.error == 0 ? "" : "error " + std::to_string(outcome.error);
-  for (const YaraRuleInfo& rule : outcome.matches) {
-    text += (text.empty() ? "" : " ") + rule.name;
+  for (const auto& rule : outcome.matches) {
+    text += (text.empty() ? "" : " ") + rule->name;
   }
   return text;
 }

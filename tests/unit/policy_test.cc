@@ -114,11 +114,17 @@ std::string Scan(YaraScanner& scanner, int file_type, const std::vector<int>& ru
   for (const int rule_type : rule_types) {
     request.add_rule_type(static_cast<static_pattern_matching_proto::RuleType>(rule_type));
   }
-  const auto response = scanner.ScanFile(file.Get(), request);
+  const std::string sent = scanner.ScanFile(file.Get(), request).SerializeAsString();
+  static_pattern_matching_proto::ScanResponse response;
+  EXPECT_TRUE(response.ParseFromString(sent));
+  if (response.results_size() < 2) {  // the order of more may be any
+    EXPECT_EQ(response.SerializeAsString(), sent);
+  }
   std::string text = std::to_string(response.status());
   for (const auto& [rule_type, entry] : std::map(response.results().begin(), response.results().end())) {
     text += " " + std::to_string(rule_type) + ":" + std::to_string(entry.status()) + "," +
             std::to_string(entry.result().error()) + ",";
+    EXPECT_EQ(entry.has_result(), entry.status() == static_pattern_matching_proto::ScanStatus_Success) << rule_type;
     for (const auto& rule : entry.result().matched_rules()) {
       text += rule.name() + " " + rule.metadata_items(1).value().string_value();
     }

@@ -13,10 +13,15 @@ using vond::test::Split;
 // The rule as the agent gets to read it.
 std::string Describe(const YaraRuleInfo& rule) {
   YaraScanOutcome outcome;
-  outcome.matches = {rule};
-  ::yara_lib::YaraScanResult sent, received;
-  ScanOutcomeToMessage(outcome, sent);
-  EXPECT_TRUE(received.ParseFromString(sent.SerializeAsString()));
+  outcome.error = 4;
+  outcome.matches.assign(2, std::make_shared<const YaraRuleRecord>(rule));
+  const std::string sent = SerializeOutcome(outcome);
+  ::yara_lib::YaraScanResult received;
+  EXPECT_TRUE(received.ParseFromString(sent));
+  EXPECT_EQ(received.SerializeAsString(), sent);
+  EXPECT_EQ(received.error(), 4);
+  EXPECT_EQ(received.matched_rules_size(), 2);
+  EXPECT_EQ(received.matched_rules(1).ShortDebugString(), received.matched_rules(0).ShortDebugString());
   for (int i = 0; i < received.matched_rules(0).metadata_items_size(); ++i) {
     EXPECT_EQ(MetadataValueFromMessage(received.matched_rules(0).metadata_items(i).value()),
               rule.metadata.at(static_cast<std::size_t>(i)).value);
@@ -37,7 +42,7 @@ TEST(YaraRuleSet, RecordsItsRules) {
   ASSERT_EQ(set->size(), rows.size());
   for (std::size_t i = 0; i < rows.size(); ++i) {
     EXPECT_EQ(Describe(set->GetRule(i)), rows[i].at(1));
-    EXPECT_EQ(Describe(set->CopyRule(i)), rows[i].at(1));
+    EXPECT_EQ(Describe(*set->CopyRule(i)), rows[i].at(1));
   }
   EXPECT_EQ(Thrown([] { (void)MetadataValueFromMessage({}); }), "Yara protobuf error. No metadata value set. -1");
 }
@@ -128,7 +133,12 @@ TEST(YaraRuleSet, FindsRulesByIdAlsoAfterChanges) {
   EXPECT_EQ(find("x -5 1 old B"), "AC D E   ");  // of a repeated key the last one counts
   EXPECT_EQ(Thrown([&] { (void)set->FindRules("old"); }), "_Map_base::at");
   EXPECT_EQ(Thrown([&] { set->SetMetadata("old", "k", true); }), "_Map_base::at");
+  const auto before = set->CopyRule(0);
+  const std::string sent = before->SerializedMatch();
   set->SetMetadata("x", "k", std::int64_t{-7});
+  EXPECT_EQ(before->SerializedMatch(), sent);
+  EXPECT_EQ(set->CopyRule(0)->SerializedMatch(), SerializeMatch(set->GetRule(0)));
+  EXPECT_NE(set->CopyRule(0)->SerializedMatch(), sent);
   EXPECT_EQ(set->GetRule(0).metadata.size(), 2U);  // of a repeated key one is left
   EXPECT_EQ(set->GetRule(2).metadata.size(), 3U);
   set->SetMetadata("-5", "id", std::string("x"));

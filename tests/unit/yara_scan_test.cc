@@ -43,7 +43,7 @@ TEST(YaraScan, SeesTheWholeFileAndKeepsItsOffset) {
   }
   const ManagedFD file = MakeFile("one end");
   const auto outcome = YaraLib::Instance().ScanFileDescriptor(set, file.Get(), {1, 0, 0});
-  EXPECT_TRUE(outcome.matches.at(0).is_private_rule);
+  EXPECT_TRUE(outcome.matches.at(0)->is_private_rule);
   EXPECT_EQ(outcome.match_by_name, (decltype(outcome.match_by_name){{"Secret", 0}, {"Last", 1}, {"Both", 2}}));
 }
 

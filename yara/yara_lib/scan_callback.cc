@@ -22,8 +22,8 @@ int OnRuleMatching(const YR_RULE* rule, ScanContext& context) {
     return kEndWithError;
   }
   const auto index = static_cast<std::size_t>(rule - context.yr_rules->rules_table);
-  YaraRuleInfo info = context.rule_set->CopyRule(index);
-  if (info.is_private_rule && !context.report_private_rules) {
+  std::shared_ptr<const YaraRuleRecord> info = context.rule_set->CopyRule(index);
+  if (info->is_private_rule && !context.report_private_rules) {
     context.rule_set->NotifyRuleMatchedNotReported(index);
     return CALLBACK_CONTINUE;
   }

@@ -14,7 +14,7 @@ struct ScanContext {
   const YR_RULES* yr_rules = nullptr;
   std::vector<std::string> modules;  ///< empty: every module may be imported
   bool report_private_rules = false;
-  std::vector<YaraRuleInfo> matches;
+  std::vector<std::shared_ptr<const YaraRuleRecord>> matches;
   std::exception_ptr exception;  ///< what went wrong in the callback, to be rethrown after libyara has returned
 };
 

@@ -181,7 +181,7 @@ YaraScanOutcome ScanWithRetries(const std::shared_ptr<YaraRuleSet>& rule_set, co
   }
   outcome.matches = std::move(context.matches);
   for (std::size_t i = 0; i < outcome.matches.size(); ++i) {
-    outcome.match_by_name.emplace(outcome.matches[i].name, i);
+    outcome.match_by_name.emplace(outcome.matches[i]->name, i);
   }
   return outcome;
 }
@@ -257,7 +257,7 @@ CompiledRules YaraLib::Compile(const std::string& source, bool treat_warnings_as
     FailWithError(335, "!error", "could not write compiled rules to stream", error);
   }
   const std::uint32_t checksum = CompiledRules::Checksum(compilation.output);
-  return {std::make_shared<const CompiledRules::Bytes>(compilation.output.begin(), compilation.output.end()), checksum};
+  return {std::make_shared<const CompiledRules::Bytes>(std::move(compilation.output)), checksum};
 }
 
 std::shared_ptr<YaraRuleSet> YaraLib::Load(const CompiledRules& compiled_rules, const std::string& id_key,

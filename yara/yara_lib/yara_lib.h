@@ -29,8 +29,8 @@ struct YaraScanOptions {
 
 /// What a scan came to.
 struct YaraScanOutcome {
-  std::int32_t error = 0;             ///< libyara's result of the last run; anything but 0 means "not scanned"
-  std::vector<YaraRuleInfo> matches;  ///< of the last run, in libyara's order
+  std::int32_t error = 0;  ///< libyara's result of the last run; anything but 0 means "not scanned"
+  std::vector<std::shared_ptr<const YaraRuleRecord>> matches;  ///< of the last run, in libyara's order
   std::unordered_map<std::string, std::size_t> match_by_name;  ///< rule name to position in `matches`
 };
 

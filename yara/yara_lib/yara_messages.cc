@@ -13,23 +13,35 @@ struct ValueWriter {
   void operator()(bool flag) const { message.set_bool_value(flag); }
 };
 
+void RuleToMessage(const YaraRuleInfo& rule, ::yara_lib::YaraRuleDescriptor& descriptor) {
+  descriptor.set_name(rule.name);
+  descriptor.set_is_private_rule(rule.is_private_rule);
+  for (const std::string& tag : rule.tags) {
+    descriptor.add_tags(tag);
+  }
+  for (const YaraMetadataItem& item : rule.metadata) {
+    ::yara_lib::YaraRuleMetadataItem& metadata_item = *descriptor.add_metadata_items();
+    metadata_item.set_key(item.key);
+    std::visit(ValueWriter{*metadata_item.mutable_value()}, item.value);
+  }
+}
+
 }  // namespace
 
-void ScanOutcomeToMessage(const YaraScanOutcome& outcome, ::yara_lib::YaraScanResult& message) {
-  message.set_error(outcome.error);
-  for (const YaraRuleInfo& rule : outcome.matches) {
-    ::yara_lib::YaraRuleDescriptor& descriptor = *message.add_matched_rules();
-    descriptor.set_name(rule.name);
-    descriptor.set_is_private_rule(rule.is_private_rule);
-    for (const std::string& tag : rule.tags) {
-      descriptor.add_tags(tag);
-    }
-    for (const YaraMetadataItem& item : rule.metadata) {
-      ::yara_lib::YaraRuleMetadataItem& metadata_item = *descriptor.add_metadata_items();
-      metadata_item.set_key(item.key);
-      std::visit(ValueWriter{*metadata_item.mutable_value()}, item.value);
-    }
+std::string SerializeMatch(const YaraRuleInfo& rule) {
+  ::yara_lib::YaraScanResult part;
+  RuleToMessage(rule, *part.add_matched_rules());
+  return part.SerializeAsString();
+}
+
+std::string SerializeOutcome(const YaraScanOutcome& outcome) {
+  ::yara_lib::YaraScanResult head;
+  head.set_error(outcome.error);
+  std::string bytes = head.SerializeAsString();
+  for (const auto& rule : outcome.matches) {
+    bytes += rule->SerializedMatch();  // messages one after the other are one message with the fields of all
   }
+  return bytes;
 }
 
 YaraMetadataValue MetadataValueFromMessage(const ::yara_lib::MetaDataItemValue& message) {

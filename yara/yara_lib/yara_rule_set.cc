@@ -12,6 +12,7 @@
 #include "utils/utf8.h"
 #include "yara/yara_lib/disabled_members.h"
 #include "yara/yara_lib/yara_exceptions.h"
+#include "yara/yara_lib/yara_messages.h"
 
 namespace korvo::yara::yara_lib {
 namespace {
@@ -30,6 +31,9 @@ class UnexpectedIndex : public std::bad_variant_access {
 std::vector<YaraMetadataItem> ReadMetadata(const YR_RULE* rule, bool& replaced) {
   std::vector<YaraMetadataItem> items;
   const YR_META* meta = nullptr;
+  std::size_t count = 0;
+  yr_rule_metas_foreach(rule, meta) { ++count; }
+  items.reserve(count);
   yr_rule_metas_foreach(rule, meta) {
     switch (meta->type) {
       case META_TYPE_INTEGER:
@@ -98,6 +102,11 @@ void YaraRuleInfo::SetMetadata(const std::string& key, YaraMetadataValue value) 
   std::erase_if(metadata, [&](const YaraMetadataItem& item) { return item.key == key && &item != counting; });
 }
 
+const std::string& YaraRuleRecord::SerializedMatch() const {
+  std::call_once(serialized_, [this] { serialized_match_ = SerializeMatch(*this); });
+  return serialized_match_;
+}
+
 std::shared_ptr<YR_RULES> Make_raw_rules_ptr(YR_RULES* rules) {
   return {rules, [](YR_RULES* raw) {
             if (raw != nullptr) {
@@ -112,7 +121,7 @@ YaraRuleSet::YaraRuleSet(std::shared_ptr<YR_RULES> raw_rules, std::string id_key
     rules_.reserve(raw_rules_->num_rules);
     for (std::uint32_t i = 0; i < raw_rules_->num_rules; ++i) {
       YR_RULE* const rule = &raw_rules_->rules_table[i];
-      rules_.push_back(ReadRule(rule));
+      rules_.push_back(std::make_shared<const YaraRuleRecord>(ReadRule(rule)));
       rule->flags &= ~RULE_FLAGS_PRIVATE;
     }
   }
@@ -124,10 +133,10 @@ const YaraRuleInfo& YaraRuleSet::GetRule(std::size_t rule_index) const {
     WriteAssertion(205, kSource, "rule_index < size()", "index out of range");
     throw std::out_of_range("rule_index");
   }
-  return rules_[rule_index];
+  return *rules_[rule_index];
 }
 
-YaraRuleInfo YaraRuleSet::CopyRule(std::size_t rule_index) const {
+std::shared_ptr<const YaraRuleRecord> YaraRuleSet::CopyRule(std::size_t rule_index) const {
   if (rule_index >= size()) {
     WriteAssertion(225, kSource, "rule_index < size()", "index out of range");
     throw std::out_of_range("rule_index");
@@ -173,7 +182,9 @@ const std::vector<std::size_t>& YaraRuleSet::FindRules(const std::string& id) co
 
 void YaraRuleSet::SetMetadata(const std::string& id, const std::string& key, const YaraMetadataValue& value) {
   for (const std::size_t index : FindRules(id)) {
-    rules_[index].SetMetadata(key, value);
+    YaraRuleInfo changed = *rules_[index];
+    changed.SetMetadata(key, value);
+    rules_[index] = std::make_shared<const YaraRuleRecord>(std::move(changed));
   }
   if (key == id_key_) {
     IndexRules();
@@ -258,7 +269,7 @@ std::optional<std::string> YaraRuleSet::RuleId(const YaraRuleInfo& rule) const {
 void YaraRuleSet::IndexRules() {
   indexes_by_id_.clear();
   for (std::size_t i = 0; i < rules_.size(); ++i) {
-    if (const auto id = RuleId(rules_[i])) {
+    if (const auto id = RuleId(*rules_[i])) {
       indexes_by_id_[*id].push_back(i);
     }
   }

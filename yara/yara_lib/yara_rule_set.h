@@ -43,6 +43,19 @@ struct YaraRuleInfo {
   void SetMetadata(const std::string& key, YaraMetadataValue value);
 };
 
+/// A rule's record as a set and the outcomes of scans share it: never changed. Any thread.
+class YaraRuleRecord : public YaraRuleInfo {
+ public:
+  explicit YaraRuleRecord(YaraRuleInfo info) : YaraRuleInfo(std::move(info)) {}
+  /// SerializeMatch of the rule, made by its first match: a message for each match would take longer than all the rest
+  /// of the match, one for each rule ahead would make loading a policy longer.
+  [[nodiscard]] const std::string& SerializedMatch() const;
+
+ private:
+  mutable std::once_flag serialized_;
+  mutable std::string serialized_match_;
+};
+
 /// Hears of what happens to a set's rules. Called on the thread on which it happens, which during scans is any of
 /// several at once.
 class IYaraRuleSetObserver {
@@ -96,7 +109,8 @@ class YaraRuleSet : public IYaraRuleSetObserved {
   [[nodiscard]] std::size_t size() const noexcept { return rules_.size(); }
   /// Throw std::out_of_range "rule_index".
   [[nodiscard]] const YaraRuleInfo& GetRule(std::size_t rule_index) const;
-  [[nodiscard]] YaraRuleInfo CopyRule(std::size_t rule_index) const;
+  /// The record as it is now: a change of the set makes a new record and leaves this one alone.
+  [[nodiscard]] std::shared_ptr<const YaraRuleRecord> CopyRule(std::size_t rule_index) const;
 
   /// A disabled rule matches nothing and, if global, holds no other back, until it is enabled again. Throws
   /// std::out_of_range "rule_index".
@@ -140,7 +154,7 @@ class YaraRuleSet : public IYaraRuleSetObserved {
   [[nodiscard]] std::optional<std::string> RuleId(const YaraRuleInfo& rule) const;
   void IndexRules();
 
-  std::vector<YaraRuleInfo> rules_;
+  std::vector<std::shared_ptr<const YaraRuleRecord>> rules_;
   std::shared_ptr<YR_RULES> raw_rules_;
   std::vector<std::shared_ptr<IYaraRuleSetObserver>> observers_;
   mutable std::shared_mutex lock_;
