@@ -3,17 +3,16 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <memory>
 #include <stdexcept>
 #include <thread>
 
 #include "agent/rule_packer.h"
 #include "bench/measurements.h"
 #include "bench/process_figures.h"
+#include "bench/raw_process.h"
 #include "bench/run.h"
 
 namespace vond::bench {
@@ -25,47 +24,6 @@ double Mib(std::size_t kib) { return static_cast<double>(kib) / 1024; }
 
 // Memory goes back after the answer.
 void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(500)); }
-
-struct RawMemory {
-  double resident_mib = 0;
-  double peak_mib = 0;
-};
-
-// Runs this program as `mode` `path` and reads what it prints.
-RawMemory MeasureRaw(const std::string& mode, const std::filesystem::path& path) {
-  const std::string command =
-      fmt::format("'{}' {} '{}'", std::filesystem::read_symlink("/proc/self/exe").string(), mode, path.string());
-  // NOLINTNEXTLINE(cert-env33-c): the command is this program itself
-  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "re"), &::pclose);
-  std::size_t resident = 0;
-  std::size_t peak = 0;
-  if (pipe == nullptr || std::fscanf(pipe.get(), "%zu %zu", &resident, &peak) != 2) {
-    throw std::runtime_error(command + " failed");
-  }
-  return {Mib(resident), Mib(peak)};
-}
-
-// A folder of its own, removed at the end.
-class ScratchFolder {
- public:
-  ScratchFolder() {
-    std::string path = (std::filesystem::temp_directory_path() / "vond_bench.XXXXXX").string();
-    if (::mkdtemp(path.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = path;
-  }
-  ~ScratchFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
-  [[nodiscard]] const std::filesystem::path& Path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
 
 void MeasureAtRest(const Inputs& inputs, Results& results) {
   Daemon daemon(2);
@@ -167,9 +125,9 @@ void MeasureMemory(const Inputs& inputs, const Extent& extent, Results& results)
   const ScratchFolder scratch;
   const std::filesystem::path source = scratch.Path() / "rules";
   std::ofstream(source) << rules;
-  const RawMemory compile = MeasureRaw("raw-compile", source);
-  const RawMemory load = MeasureRaw("raw-load", source.string() + ".out");
-  const RawMemory nothing = MeasureRaw("raw-load", "");
+  const RawFigures compile = RunRaw("raw-compile", source);
+  const RawFigures load = RunRaw("raw-load", source.string() + ".out");
+  const RawFigures nothing = RunRaw("raw-load", "");
   results.Add("memory.raw.compile_peak", "MiB", compile.peak_mib);
   results.Add("memory.raw.load", "MiB more than without rules", load.resident_mib - nothing.resident_mib);
   const auto more_than = [&](double without, double base) {

@@ -4,8 +4,8 @@
 
 namespace vond::bench {
 
-// The memory of raw libyara, which only a process of its own shows. Each prints what is resident at its end, and what
-// was at most, in KiB, and returns an exit status.
+// Raw libyara as it is in a new process, like a new daemon. Each prints what is resident at its end, and what
+// was at most, in KiB, and the seconds that compiling took; and returns an exit status.
 
 /// Compiles the rules in the file `source`, and saves them as `source` + ".out".
 int RunRawCompile(const std::string& source);
