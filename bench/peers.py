@@ -233,7 +233,8 @@ def main():
     parser.add_argument("--modules", type=pathlib.Path, required=True, help="folder of node's packages")
     parser.add_argument("--full", action="store_true")
     parser.add_argument("--rounds", type=int)
-    parser.add_argument("inputs", nargs="*", help="options of vond_bench that say which rules and files; after --")
+    parser.add_argument("--inputs", nargs=argparse.REMAINDER, default=[],
+                        help="options of vond_bench that say which rules and files; the last option here")
     arguments = parser.parse_args()
     rounds = arguments.rounds or (5 if arguments.full else 3)
     kinds = [("k16", 10), ("k16", 300), ("k16", 5000), ("64k-512k", 300)]
@@ -255,6 +256,10 @@ def main():
                     "high": max(ratios), "rounds": rounds}
                 print(f"{file_class} {rules or 'real'} rules: {statistics.median(ratios):.2f} times as fast as {name} "
                       f"({notes})", flush=True)
+                write(arguments, figures)  # so that a run cut short is not lost
+
+
+def write(arguments, figures):
     package = arguments.modules / "@litko" / "yara-x" / "package.json"
     found = versions() | {"@litko/yara-x": json.loads(package.read_text())["version"] if package.exists() else "none"}
     (arguments.out / "peers.json").write_text(json.dumps({"figures": figures, "versions": found}, indent=1) + "\n")
