@@ -156,9 +156,9 @@ class Tokenizer {
         ++i;
       } else if (source_[i] == '/' && At(i + 1) == '/') {
         const std::size_t end = EndOfLine(i);
-        const std::size_t brace = source_.substr(0, end).rfind('}');
-        if (brace != std::string_view::npos && brace > i) {
-          fallback = brace + 1;
+        const std::size_t brace = source_.substr(i, end - i).rfind('}');
+        if (brace != std::string_view::npos) {
+          fallback = i + brace + 1;
         }
         i = end;
       } else if (source_[i] == '/' && At(i + 1) == '*') {

@@ -22,11 +22,11 @@ enum class TokenKind {
   kStringIdentifier,  ///< $a, #a, @a, !a, with or without a name
   kNumber,            ///< with its suffix
   kText,              ///< "..."
-  kHexString,         ///< { ... } behind a string's "=", comments inside included
+  kHexString,         ///< { ... } wherever it looks like one, as for libyara; comments inside included
   kRegex,             ///< /.../ with its modifiers
   kPunctuation,       ///< an operator or a single character
   kComment,           ///< // to the end of the line, or a closed /* */
-  kError,             ///< what never ends (a comment, a string) or no token begins with
+  kError,             ///< what never ends (a comment, a string), bytes of no token, a byte order mark
 };
 
 struct Token {
@@ -105,6 +105,8 @@ class Edits {
   void Replace(Range range, std::string text);
   void Insert(std::size_t at, std::string text) { Replace({at, at}, std::move(text)); }
   [[nodiscard]] bool Empty() const noexcept { return changes_.empty(); }
+  /// In the order of the calls.
+  [[nodiscard]] const std::vector<std::pair<Range, std::string>>& Changes() const noexcept { return changes_; }
   [[nodiscard]] std::string Apply(std::string_view source) const;
 
  private:

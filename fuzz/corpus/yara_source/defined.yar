@@ -1,0 +1,1 @@
+import "elf" rule d { condition: defined elf.type and "ab" icontains "A" and "x" matches /x/i }

@@ -1,0 +1,1 @@
+rule a { condition: filesize \ 2 > 1.5 and 10 % 3 == 1 and ~1 ^ 2 | 3 & 4 << 1 >> 1 != 0 }

@@ -1,0 +1,2 @@
+include "..\a\"
+rule a { condition: true }

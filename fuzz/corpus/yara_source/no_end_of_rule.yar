@@ -1,0 +1,1 @@
+rule a { condition: true rule b { condition: true }

@@ -1,0 +1,3 @@
+rule a { strings: $a = "x
+ condition: $a }
+rule b { condition: true }

@@ -1,0 +1,3 @@
+import "pe"
+private global rule a { condition: pe.is_pe }
+global private rule b { condition: a }

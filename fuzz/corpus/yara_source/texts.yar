@@ -1,0 +1,1 @@
+rule t { meta: a = "\"\\\t\n\x41" b = -1 c = 0x10 d = 1KB e = true strings: $ = "a\"b" wide ascii nocase xor(1-255) private $ = "c" base64("!@#$%^&*(){}[].,|ABCDEFGHIJ\x09LMNOPQRSTUVWXYZabcdefghijklmnopqrstu") condition: all of them }

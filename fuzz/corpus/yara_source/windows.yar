@@ -1,0 +1,4 @@
+﻿rule a
+{
+ condition: true // x
+}
