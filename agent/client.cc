@@ -213,18 +213,19 @@ std::string DescribeEnd(DaemonProcess& process) {
   return words.empty() ? text : text + "; its last words: " + words;
 }
 
-// What the text behind kLostAnswerLine means for the request.
-Error LostAnswerError(std::string_view reason, std::size_t socket_buffer_bytes) {
+// What a line of the log that begins with kLostAnswerLine means for the request.
+Error LostAnswerError(const std::string& line, std::size_t socket_buffer_bytes) {
+  const std::string_view reason = std::string_view(line).substr(kLostAnswerLine.size());
   for (const int error : {EMSGSIZE, ENOBUFS}) {  // past the buffer, past what the kernel allocates in one piece
     // The daemon never leaves the "C" locale; this process may have.
     if (reason == std::string("Failed to send response: ") + ::strerrordesc_np(error)) {
       return {ErrorCode::kAnswerTooLarge,
               "the answer is too large for vond's socket, whose buffer has " + std::to_string(socket_buffer_bytes) +
-                  " bytes (" + ErrnoText(error) + ")",
+                  " bytes; its log says: " + line,
               error};
     }
   }
-  return {ErrorCode::kBadAnswer, "vond could not answer: " + std::string(reason)};
+  return {ErrorCode::kBadAnswer, "vond could not answer; its log says: " + line};
 }
 
 }  // namespace
@@ -303,6 +304,14 @@ ScanAnswer Client::Scan(int fd, const ScanRequest& request, milliseconds timeout
   return promise->get_future().get();
 }
 
+Request PolicyRequest(const Policy& policy) {
+  Request request;
+  korvo_daemon::Config& config = *request.mutable_config();
+  config.set_log_level(std::clamp(policy.log_level, kLeastLogLevel, kMostLogLevel));
+  config.mutable_user_config()->set_data(PolicyJson(policy));
+  return request;
+}
+
 void Client::ApplyPolicy(const Policy& policy, milliseconds timeout) {
   if (OnReceiver()) {
     throw Error(ErrorCode::kSendFailed, "a callback cannot wait for an answer");
@@ -313,11 +322,8 @@ void Client::ApplyPolicy(const Policy& policy, milliseconds timeout) {
       throw Error(*error);
     }
   }
-  Request request;
-  korvo_daemon::Config& config = *request.mutable_config();
-  config.set_log_level(std::clamp(policy.log_level, kLeastLogLevel, kMostLogLevel));
-  config.mutable_user_config()->set_data(PolicyJson(policy));
-  const std::uint32_t max_sample_size = MaxSampleSize(policy, config.user_config().data());
+  Request request = PolicyRequest(policy);
+  const std::uint32_t max_sample_size = MaxSampleSize(policy, request.config().user_config().data());
 
   const MutexLock one_at_a_time(policy_mutex_);
   {
@@ -525,8 +531,7 @@ void Client::OnOutputLine(OutputStream stream, const std::string& line) {
     const MutexLock lock(mutex_);
     if (line.starts_with(kLostAnswerLine)) {
       if (!pending_.empty()) {
-        const std::string_view reason = std::string_view(line).substr(kLostAnswerLine.size());
-        NoteLostAnswer(LostAnswerError(reason, process_->SendBufferBytes()));
+        NoteLostAnswer(LostAnswerError(line, process_->SendBufferBytes()));
         Wake();
       }
     } else if (!of_a_scan && policy_errors_.size() < kMaxPolicyErrors) {

@@ -35,6 +35,10 @@ struct Policy {
   std::uint32_t log_level = 6;  ///< of the daemon; at least 3 is sent, since lost answers show only in its log
 };
 
+/// The request by which ApplyPolicy sends `policy`, but for its id. Throws Error kPolicyRefused for a document that
+/// can't be written as JSON.
+[[nodiscard]] korvo_daemon::Request PolicyRequest(const Policy& policy);
+
 /// The end of one request: an answer, or why there is none. Never both.
 struct Answer {
   std::optional<Error> error;

@@ -135,7 +135,7 @@ class FileActions {
 // Signals as a fresh process has them, whatever the starting thread blocks and this process ignores.
 class SignalAttributes {
  public:
-  SignalAttributes() {
+  explicit SignalAttributes(bool own_process_group) {
     Check(::posix_spawnattr_init(&attributes_), "starting vond");
     sigset_t none;
     sigset_t ignored;
@@ -144,7 +144,9 @@ class SignalAttributes {
     ::sigaddset(&ignored, SIGPIPE);
     ::posix_spawnattr_setsigmask(&attributes_, &none);
     ::posix_spawnattr_setsigdefault(&attributes_, &ignored);
-    ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    const int group = own_process_group ? POSIX_SPAWN_SETPGROUP : 0;  // the child's own, by default
+    ::posix_spawnattr_setflags(&attributes_,
+                               static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | group));
   }
   ~SignalAttributes() { ::posix_spawnattr_destroy(&attributes_); }
   SignalAttributes(const SignalAttributes&) = delete;
@@ -163,7 +165,7 @@ pid_t Spawn(const DaemonOptions& options, int stdout_fd, int stderr_fd, int chan
   Check(::posix_spawn_file_actions_adddup2(actions.Get(), stderr_fd, STDERR_FILENO), "starting vond");
   Check(::posix_spawn_file_actions_adddup2(actions.Get(), channel_fd, kChannelFd), "starting vond");
   Check(::posix_spawn_file_actions_addclosefrom_np(actions.Get(), kFirstForeignFd), "starting vond");
-  const SignalAttributes attributes;
+  const SignalAttributes attributes(options.own_process_group);
 
   std::vector<std::string> arguments{options.executable};
   arguments.insert(arguments.end(), options.extra_arguments.begin(), options.extra_arguments.end());

@@ -30,6 +30,9 @@ struct DaemonOptions {
   /// Called for each line of output, without its newline and cut at 64 KiB, on the draining thread. May be empty. Must
   /// not throw, nor call back into the object that calls it; while it runs, nothing is drained.
   std::function<void(OutputStream, const std::string& line)> on_output;
+  /// Puts the daemon into a process group of its own, where a terminal's Ctrl-C does not reach it: its end is then the
+  /// agent's affair alone.
+  bool own_process_group = false;
 };
 
 /// How a process ended: by exit(`status`) or by signal `signal`. Status -1: unknown, since somebody else in this
