@@ -7,10 +7,12 @@
 
 namespace vond::vondctl {
 
-/// `text` with everything in it that a terminal might obey (C0 and C1 control characters, DEL) written as \xNN.
+/// `text` with every byte written as \xNN that is not UTF-8 or belongs to what a terminal might obey: C0 and C1 control
+/// characters, DEL, and those that change the direction of writing.
 [[nodiscard]] std::string EscapeForTerminal(std::string_view text);
 
-/// Whether to colour what goes to descriptor `fd`: with kAuto if it is a terminal and NO_COLOR is not set or empty.
+/// Whether to colour what goes to descriptor `fd`: with kAuto if it is a terminal other than "dumb" and NO_COLOR
+/// is not set or empty.
 [[nodiscard]] bool UseColor(ColorMode mode, int fd);
 
 enum class Color { kRed, kGreen, kYellow, kCyan, kBold };

@@ -13,7 +13,7 @@ namespace vond::vondctl {
 enum class Format { kText, kJsonLines };
 enum class ColorMode { kAuto, kAlways, kNever };
 
-/// The options that every verb takes, with the same meaning for each.
+/// The options that every verb takes, before its name or behind it, with the same meaning for each.
 struct CommonOptions {
   Format format = Format::kText;
   ColorMode color = ColorMode::kAuto;
@@ -30,6 +30,7 @@ struct Verb {
   const char* summary;  ///< one line for the list of verbs
   /// Adds the verb's own options and footer to `app`; `common` is filled by the time the verb runs.
   VerbRun (*add)(CLI::App& app, const CommonOptions& common);
+  bool has_common_options = true;  ///< false where none of them would mean anything
 };
 
 /// All verbs, in the order in which help lists them.
