@@ -12,9 +12,11 @@ namespace vond::vondctl {
 
 using nlohmann::ordered_json;
 
-void WriteJsonLine(const ordered_json& object) {
-  std::cout << object.dump(-1, ' ', false, ordered_json::error_handler_t::replace) << '\n';
+std::string JsonLine(const ordered_json& object) {
+  return object.dump(-1, ' ', false, ordered_json::error_handler_t::replace) + '\n';
 }
+
+void WriteJsonLine(const ordered_json& object) { std::cout << JsonLine(object); }
 
 void AddPath(ordered_json& object, const std::string& key, const std::string& path) {
   const std::string valid = korvo::utils::ReplaceInvalidUtf8(path);

@@ -5,7 +5,10 @@
 
 namespace vond::vondctl {
 
-/// Writes `object` to standard output as one line. Bytes that are not UTF-8 become U+FFFD.
+/// `object` as one line with its newline. Bytes that are not UTF-8 become U+FFFD.
+[[nodiscard]] std::string JsonLine(const nlohmann::ordered_json& object);
+
+/// Writes `object` to standard output as JsonLine has it.
 void WriteJsonLine(const nlohmann::ordered_json& object);
 
 /// Puts a path into `object` under `key`. JSON has no way to hold one that is not UTF-8: such a path has U+FFFD in it,

@@ -3,171 +3,31 @@
 #include <Poco/Exception.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
-#include <map>
-#include <optional>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <set>
 #include <utility>
 
-#include "static_pattern_matching/rule_set_decoder.h"
+#include "static_pattern_matching/json_conversion.h"
 #include "static_pattern_matching/yara_config.h"
-#include "yara/yara_lib/yara_exceptions.h"
-#include "yara/yara_lib/yara_lib.h"
+#include "vondctl/json_lines.h"
+#include "vondctl/policy_check.h"
+#include "vondctl/problem_codes.h"
+#include "vondctl/text.h"
 
 namespace vond::vondctl {
 namespace {
 
 using auto_resources::ManagedFD;
-using korvo::static_pattern_matching_daemon::DecodeRuleSet;
+using korvo::static_pattern_matching_daemon::JsonToMessage;
 using korvo::static_pattern_matching_daemon::YaraConfig;
 using korvo::static_pattern_matching_daemon::YaraConfigLoadFailure;
-using korvo::yara::yara_lib::CompilerMessage;
-using korvo::yara::yara_lib::YaraCompilationException;
-using korvo::yara::yara_lib::YaraLib;
 
-constexpr std::size_t kMaxProblems = 20;
-
-// A place in the rule files.
-struct Place {
-  std::string file;
-  long line = 0;
-};
-
-std::string Problem(const Place& place, const std::string& message) {
-  return fmt::format("{}:{}: error: {}", place.file, place.line, message);
-}
-
-long CountLines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
-
-// The file and line behind line `line` of the joined source. libyara says 0 when the source ends too early.
-Place PlaceOfLine(const RuleSetSource& rule_set, long line) {
-  if (line < 1) {
-    const RuleFile& last = rule_set.files.back();
-    return {last.path, CountLines(DecodeRuleSet(last.content)) + 1};
-  }
-  long first = 1;
-  for (std::size_t i = 0; i + 1 < rule_set.files.size(); ++i) {
-    const std::string source = DecodeRuleSet(rule_set.files[i].content);
-    const long lines = CountLines(source) + (source.ends_with('\n') || source.empty() ? 0 : 1);
-    if (line < first + lines) {
-      return {rule_set.files[i].path, line - first + 1};
-    }
-    first += lines;
-  }
-  return {rule_set.files.back().path, line - first + 1};
-}
-
-bool IsIdentifierPart(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; }
-
-// Position of `name` behind the word "rule" in `source`; npos if there is none.
-std::size_t FindDeclaration(const std::string& source, const std::string& name) {
-  for (std::size_t at = source.find(name); at != std::string::npos; at = source.find(name, at + 1)) {
-    const std::size_t end = at + name.size();
-    const std::size_t before = at == 0 ? std::string::npos : source.find_last_not_of(" \t\r\n", at - 1);
-    const bool whole = end == source.size() || !IsIdentifierPart(source[end]);
-    if (whole && before != std::string::npos && before + 1 < at && before >= 3 &&
-        source.compare(before - 3, 4, "rule") == 0 && (before == 3 || !IsIdentifierPart(source[before - 4]))) {
-      return at;
-    }
-  }
-  return std::string::npos;
-}
-
-// Where the rule is declared; line 0 of the set's first file when the text does not show it.
-Place PlaceOfRule(const RuleSetSource& rule_set, const std::string& rule_name) {
-  for (const RuleFile& file : rule_set.files) {
-    const std::string source = DecodeRuleSet(file.content);
-    const std::size_t at = FindDeclaration(source, rule_name);
-    if (at != std::string::npos) {
-      return {file.path, CountLines(source.substr(0, at)) + 1};
-    }
-  }
-  return {rule_set.files.front().path, 0};
-}
-
-std::string MessageText(const CompilerMessage& message) {
-  return message.rule_name.empty() ? message.message : fmt::format("rule {}: {}", message.rule_name, message.message);
-}
-
-std::vector<std::string> CompilerProblems(const std::vector<CompilerMessage>& messages, const RuleSetSource& rule_set) {
-  std::vector<std::string> problems;
-  for (const CompilerMessage& message : messages) {
-    if (message.level == 0) {
-      problems.push_back(Problem(PlaceOfLine(rule_set, message.line_number), MessageText(message)));
-    }
-  }
-  return problems;
-}
-
-// Compiles each file alone, where a file that ends inside a comment or rule does not shift the blame to the next one.
-// Nothing when each is fine by itself.
-std::vector<std::string> ProblemsFileByFile(const RuleSetSource& rule_set) {
-  std::vector<std::string> problems;
-  for (const RuleFile& file : rule_set.files) {
-    try {
-      static_cast<void>(YaraLib::Instance().Compile(DecodeRuleSet(file.content), false));
-    } catch (const YaraCompilationException& e) {
-      RuleSetSource alone;
-      alone.files.push_back(file);
-      for (std::string& problem : CompilerProblems(e.messages, alone)) {
-        problems.push_back(std::move(problem));
-      }
-    }
-  }
-  return problems;
-}
-
-// Which of the mandatory items a rule lacks; a rule is found by its id, so no override can supply that.
-std::string MissingItem(const RuleSetSource& rule_set, const std::string& rule_name) {
-  const auto rules = YaraLib::Instance().CompileAndLoad(DecodeRuleSet(JoinedContent(rule_set)), "id", false, {});
-  for (std::size_t i = 0; i < rules->size(); ++i) {
-    if (rules->GetRule(i).name == rule_name && rules->GetRule(i).FindMetadata("id") == nullptr) {
-      return "id";
-    }
-  }
-  return "action";
-}
-
-std::string RuleProblem(const RuleSetSource& rule_set, const std::string& rule_name, const std::string& what) {
-  std::string message;
-  if (what == "_Map_base::at") {
-    message = fmt::format("rule {} has no \"{}\" among its metadata", rule_name, MissingItem(rule_set, rule_name));
-  } else if (what.starts_with("Invalid action")) {
-    message =
-        fmt::format("the \"action\" of rule {} is none of disable, internal, silent, inform, block, allow", rule_name);
-  } else {
-    message = what;
-  }
-  return Problem(PlaceOfRule(rule_set, rule_name), message);
-}
-
-std::vector<std::string> Explain(const PolicySource& policy, const YaraConfigLoadFailure& failure,
-                                 const std::string& what) {
-  const auto index = static_cast<std::size_t>(failure.rule_set);
-  if (failure.rule_set < 0 || index >= policy.rule_sets.size()) {
-    return {fmt::format("error: {}", what)};
-  }
-  const RuleSetSource& rule_set = policy.rule_sets[index];
-  std::vector<std::string> problems;
-  if (!failure.compiler_messages.empty()) {
-    problems = ProblemsFileByFile(rule_set);
-    if (problems.empty()) {
-      problems = CompilerProblems(failure.compiler_messages, rule_set);
-    }
-  } else if (!failure.rule_name.empty()) {
-    problems.push_back(RuleProblem(rule_set, failure.rule_name, what));
-  }
-  if (problems.empty()) {
-    problems.push_back(fmt::format("{}: error: {}", rule_set.files.front().path, what));
-  }
-  if (problems.size() > kMaxProblems) {
-    const std::size_t more = problems.size() - kMaxProblems;
-    problems.resize(kMaxProblems);
-    problems.push_back(fmt::format("... and {} more", more));
-  }
-  return problems;
-}
+// More than these help nobody who only wanted to scan.
+constexpr std::size_t kMaxProblemsInRefusal = 20;
 
 // A descriptor of the same file with a position of its own: the daemon reads through the one it was sent.
 ManagedFD Reopen(const ManagedFD& fd) {
@@ -191,32 +51,120 @@ std::vector<RuleSetCount> CountRules(const PolicySource& policy, const YaraConfi
   return counts;
 }
 
+// Throws what the daemon's code throws.
+std::vector<RuleSetCount> Load(const PolicySource& policy, YaraConfigLoadFailure& failure) {
+  static_pattern_matching_proto::UserConfigData document = policy.document;
+  if (!policy.json.empty()) {
+    document.Clear();
+    if (JsonToMessage(policy.json, document) != 0) {
+      throw YaraConfig::Exception("the document is not a policy");
+    }
+  }
+  std::vector<ManagedFD> owned;
+  std::vector<int> fds;
+  for (const ManagedFD& fd : policy.rule_set_fds) {
+    owned.push_back(Reopen(fd));
+    fds.push_back(owned.back().Get());
+  }
+  return CountRules(policy, YaraConfig(document, fds, &failure));
+}
+
+// The file that a failure is about, if the daemon's code tells.
+std::string FileOf(const PolicySource& policy, const YaraConfigLoadFailure& failure) {
+  const auto index = static_cast<std::size_t>(failure.rule_set);
+  if (failure.rule_set < 0 || index >= policy.rule_sets.size() || policy.rule_sets[index].files.empty()) {
+    return policy.path;
+  }
+  return policy.rule_sets[index].files.front().path;
+}
+
 }  // namespace
 
-PolicyJudgement JudgePolicy(const PolicySource& policy) {
+PolicyJudgement LoadPolicy(const PolicySource& policy) {
   PolicyJudgement judgement;
   YaraConfigLoadFailure failure;
   std::string what;
   try {
-    std::vector<ManagedFD> owned;
-    std::vector<int> fds;
-    for (const ManagedFD& fd : policy.rule_set_fds) {
-      owned.push_back(Reopen(fd));
-      fds.push_back(owned.back().Get());
-    }
-    judgement.rule_sets = CountRules(policy, YaraConfig(policy.document, fds, &failure));
+    judgement.rule_sets = Load(policy, failure);
     return judgement;
   } catch (const Poco::Exception& e) {
     what = e.displayText();
   } catch (const std::exception& e) {
     what = e.what();
   }
-  try {
-    judgement.problems = Explain(policy, failure, what);
-  } catch (const std::exception&) {  // a packed file that can't be read has no lines to point at
-    judgement.problems = {fmt::format("error: {}", what)};
+  if (!failure.compiler_messages.empty()) {
+    what = fmt::format("line {}: {}", failure.compiler_messages.front().line_number,
+                       failure.compiler_messages.front().message);
+  }
+  Problem problem = MakeProblem("refused", FileOf(policy, failure), 0, what);
+  problem.rule = failure.rule_name;
+  judgement.problems.push_back(std::move(problem));
+  return judgement;
+}
+
+PolicyJudgement JudgePolicy(const PolicySource& policy) {
+  PolicyJudgement judgement = LoadPolicy(policy);
+  if (!judgement.problems.empty()) {
+    std::vector<Problem> errors = CheckPolicy(policy).problems;
+    std::erase_if(errors, [](const Problem& problem) { return problem.severity != Severity::kError; });
+    if (!errors.empty()) {
+      judgement.problems = std::move(errors);
+    }
   }
   return judgement;
+}
+
+std::string CountErrors(const std::vector<Problem>& problems, std::size_t rule_files) {
+  std::size_t errors = 0;
+  bool all_in_rules = true;
+  std::set<std::string> files;
+  for (const Problem& problem : problems) {
+    if (problem.severity == Severity::kError) {
+      ++errors;
+      files.insert(problem.file);
+      const ProblemCode* const code = FindProblemCode(problem.code);
+      all_in_rules = all_in_rules && code != nullptr && code->of_rules && !problem.file.empty();
+    }
+  }
+  const std::string count = fmt::format("{} error{}", errors, errors == 1 ? "" : "s");
+  return all_in_rules && files.size() <= rule_files
+             ? fmt::format("{} in {} of {} rule file{}", count, files.size(), rule_files, rule_files == 1 ? "" : "s")
+             : count;
+}
+
+std::size_t CountRuleFiles(const PolicySource& policy) {
+  std::size_t count = 0;
+  for (const RuleSetSource& rule_set : policy.rule_sets) {
+    count += rule_set.files.size();
+  }
+  return count;
+}
+
+void WriteProblems(std::ostream& out, const std::vector<Problem>& problems, bool color, std::size_t limit) {
+  std::set<std::string> shown;
+  for (std::size_t i = 0; i < problems.size() && i < limit; ++i) {
+    Problem problem = problems[i];
+    std::erase_if(problem.notes, [&](const std::string& note) { return !shown.insert(note).second; });
+    if (!problem.fix.empty() && !shown.insert(problem.fix).second) {
+      problem.fix.clear();
+    }
+    WriteProblem(out, problem, color);
+  }
+  if (problems.size() > limit) {
+    out << fmt::format("... and {} more\n", problems.size() - limit);
+  }
+}
+
+void WriteRefusal(const std::vector<Problem>& problems, std::size_t rule_files, const CommonOptions& common) {
+  std::cerr << fmt::format("vondctl: policy refused: {}\n", CountErrors(problems, rule_files));
+  if (common.format == Format::kJsonLines) {
+    for (const Problem& problem : problems) {
+      WriteJsonLine(ProblemJson(problem));
+    }
+    std::cout.flush();
+  } else {
+    WriteProblems(std::cerr, problems, UseColor(common.color, STDERR_FILENO), kMaxProblemsInRefusal);
+  }
 }
 
 }  // namespace vond::vondctl

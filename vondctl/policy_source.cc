@@ -1,5 +1,6 @@
 #include "vondctl/policy_source.h"
 
+#include <Poco/Exception.h>
 #include <fmt/format.h>
 #include <google/protobuf/util/json_util.h>
 #include <sys/mman.h>
@@ -11,10 +12,16 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <system_error>
 #include <utility>
 
 #include "static_pattern_matching/rule_set_decoder.h"
+#include "utils/rule_set_file.h"
+#include "vondctl/json_places.h"
+#include "vondctl/problem_codes.h"
 
 namespace vond::vondctl {
 namespace {
@@ -22,8 +29,11 @@ namespace {
 namespace fs = std::filesystem;
 using auto_resources::ManagedFD;
 using nlohmann::ordered_json;
+using static_pattern_matching_proto::UserConfigData;
 
-std::string ReadWholeFile(const std::string& path) {
+// The content of a file; nothing, and errno, if it can't be read.
+std::optional<std::string> ReadWholeFile(const std::string& path) {
+  errno = 0;
   std::ifstream stream(path, std::ios::binary);
   std::string content;
   std::array<char, 65536> buffer{};
@@ -32,38 +42,91 @@ std::string ReadWholeFile(const std::string& path) {
     content.append(buffer.data(), static_cast<std::size_t>(stream.gcount()));
   }
   if (!stream.is_open() || stream.bad()) {  // the latter for what opens but can't be read, such as a folder
-    throw PolicyError(fmt::format("{}: {}", path, std::strerror(errno)));
+    return std::nullopt;
   }
   return content;
 }
 
-// `path` itself, or the rule files below it, in byte order.
-std::vector<RuleFile> ReadRuleFiles(const std::string& path) {
+std::string WhyUnreadable(int error) {
+  const std::string reason = std::strerror(error);
+  return error == EACCES ? reason + " (to whoever runs vondctl; the daemon's rights do not count)" : reason;
+}
+
+// Files marked as packed come out of the daemon's own decoder whole, or with what is wrong.
+std::optional<Problem> CheckPacked(const RuleFile& file) {
+  using korvo::static_pattern_matching_daemon::DecodeRuleSet;
+  std::string reason;
+  try {
+    static_cast<void>(DecodeRuleSet(file.content));
+    return std::nullopt;
+  } catch (const Poco::Exception& e) {
+    reason = e.displayText();
+  } catch (const std::exception& e) {
+    reason = e.what();
+  }
+  const std::string_view rest = std::string_view(file.content).substr(korvo::utils::kPackedRuleSetMark.size());
+  const bool is_text = std::all_of(rest.begin(), rest.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte >= ' ' || byte == '\n' || byte == '\r' || byte == '\t';
+  });
+  const bool is_ascii =
+      std::all_of(rest.begin(), rest.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (is_text && is_ascii && !rest.empty()) {
+    Problem problem = MakeProblem("looks-encrypted", file.path, 1,
+                                  "begins with ENCY, the mark of packed rule files, but goes on with plain text");
+    problem.fix = "remove the mark, or make the file again with vondctl pack";
+    return problem;
+  }
+  Problem problem = MakeProblem("damaged-file", file.path, 0, fmt::format("damaged packed rule file: {}", reason));
+  problem.fix = "make the file again with vondctl pack";
+  return problem;
+}
+
+// The names of the rule files below `path`, in byte order, or `path` itself.
+std::vector<std::string> RuleFileNames(const std::string& path, std::vector<Problem>& problems) {
+  std::error_code error;
+  if (!fs::is_directory(path, error)) {
+    return {path};
+  }
   std::vector<std::string> paths;
   try {
-    if (!fs::is_directory(path)) {
-      paths.push_back(path);
-    } else {
-      for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path)) {
-        const std::string extension = entry.path().extension();
-        if (entry.is_regular_file() && (extension == ".yar" || extension == ".yara")) {
-          paths.push_back(entry.path());
-        }
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path)) {
+      const std::string extension = entry.path().extension();
+      if (entry.is_regular_file() && (extension == ".yar" || extension == ".yara")) {
+        paths.push_back(entry.path());
       }
     }
   } catch (const fs::filesystem_error& e) {
-    throw PolicyError(fmt::format("{}: {}", e.path1().string(), e.code().message()));
+    problems.push_back(MakeProblem("unreadable-file", e.path1().empty() ? path : e.path1().string(), 0,
+                                   WhyUnreadable(e.code().value())));
+    return paths;
   }
   if (paths.empty()) {
-    throw PolicyError(fmt::format("{}: holds no rule files (*.yar, *.yara)", path));
+    problems.push_back(MakeProblem("no-rule-files", path, 0, "holds no rule files (*.yar, *.yara)"));
   }
   std::sort(paths.begin(), paths.end());
-  std::vector<RuleFile> files;
-  for (const std::string& file : paths) {
-    files.push_back({file, ReadWholeFile(file)});
-  }
-  return files;
+  return paths;
 }
+
+}  // namespace
+
+void ReadRuleFiles(const std::string& path, std::vector<RuleFile>& files, std::vector<Problem>& problems) {
+  for (const std::string& name : RuleFileNames(path, problems)) {
+    std::optional<std::string> content = ReadWholeFile(name);
+    if (!content) {
+      problems.push_back(MakeProblem("unreadable-file", name, 0, WhyUnreadable(errno)));
+      continue;
+    }
+    RuleFile file{name, std::move(*content)};
+    if (std::optional<Problem> problem = CheckPacked(file)) {
+      problems.push_back(std::move(*problem));
+      continue;
+    }
+    files.push_back(std::move(file));
+  }
+}
+
+namespace {
 
 ManagedFD MemoryFile(const std::string& content) {
   ManagedFD fd(::memfd_create("vondctl-rules", MFD_CLOEXEC));
@@ -77,7 +140,7 @@ ManagedFD MemoryFile(const std::string& content) {
     }
   }
   if (!fd.IsValid()) {
-    throw PolicyError(fmt::format("no memory for the rules: {}", std::strerror(errno)));
+    throw std::system_error(errno, std::generic_category(), "no memory for the rules");
   }
   return fd;
 }
@@ -93,19 +156,203 @@ ordered_json* FindMember(ordered_json& object, const char* name, const char* cam
   return nullptr;
 }
 
-// Takes "path" out of a rule set's entry and puts the descriptor's index in.
-std::string ExchangePath(ordered_json& entry, std::size_t index, const std::string& policy_path) {
-  if (!entry.is_object() || !entry.contains("path") || !entry["path"].is_string()) {
-    throw PolicyError(fmt::format("{}: rule_sets[{}] has no \"path\"", policy_path, index));
+// The words of protobuf's own complaint, "(rule_sets[0].file_type): invalid value", and the value that it is about.
+std::pair<std::string, std::string> SplitComplaint(const std::string& text) {
+  const std::size_t end = text.find("): ");
+  if (!text.starts_with('(') || end == std::string::npos) {
+    return {"", text};
   }
-  const fs::path path = entry["path"].get<std::string>();
-  entry.erase("path");
-  entry.erase("fdIndex");
-  entry["fd_index"] = index;
-  return path.is_absolute() ? path : fs::path(policy_path).parent_path() / path;
+  std::string value;
+  for (const char c : text.substr(1, end - 1)) {
+    if (c != ']') {
+      value += c == '[' || c == '.' ? '/' : c;
+    }
+  }
+  return {value, fmt::format("{}: {}", text.substr(1, end - 1), text.substr(end + 3))};
+}
+
+// Reads a policy file's text and complains about what is wrong with the document itself.
+class PolicyDocument {
+ public:
+  PolicyDocument(PolicySource& policy, std::vector<Problem>& problems) : policy_(policy), problems_(problems) {}
+
+  // False if there is nothing to go on with.
+  [[nodiscard]] bool Parse() {
+    std::optional<std::string> text = ReadWholeFile(policy_.path);
+    if (!text) {
+      Add("unreadable-file", "", WhyUnreadable(errno));
+      return false;
+    }
+    policy_.text = std::move(*text);
+    try {
+      json_ = ordered_json::parse(policy_.text);
+    } catch (const nlohmann::json::parse_error& e) {
+      const std::string_view what = e.what();
+      const std::size_t behind_code = what.find("] ");  // "[json.exception.parse_error.101] parse error at ..."
+      const std::size_t good = std::min(e.byte == 0 ? 0 : e.byte - 1, policy_.text.size());
+      const auto end = policy_.text.begin() + static_cast<std::ptrdiff_t>(good);
+      problems_.push_back(MakeProblem(
+          "bad-json", policy_.path, 1 + std::count(policy_.text.begin(), end, '\n'),
+          fmt::format("not valid JSON: {}", what.substr(behind_code == std::string_view::npos ? 0 : behind_code + 2))));
+      problems_.back().excerpt = policy_.Excerpt(problems_.back().line);
+      return false;
+    }
+    policy_.lines = PlacesOfJson(policy_.text);
+    if (!json_.is_object()) {
+      Add("bad-json", "", "a policy is a JSON object");
+      return false;
+    }
+    return true;
+  }
+
+  void ReadRuleSets() {
+    ordered_json* const entries = FindMember(json_, "rule_sets", "ruleSets");
+    if (entries == nullptr || !entries->is_array()) {
+      return;
+    }
+    for (std::size_t i = 0; i < entries->size(); ++i) {
+      policy_.rule_sets.emplace_back();
+      ordered_json& entry = (*entries)[i];
+      if (!entry.is_object()) {
+        continue;  // protobuf complains
+      }
+      const std::string place = fmt::format("rule_sets/{}", i);
+      if (!entry.contains("path") || !entry["path"].is_string()) {
+        Add("missing-path", place, fmt::format("rule_sets[{}] has no \"path\"", i));
+      } else {
+        const fs::path path = entry["path"].get<std::string>();
+        ReadRuleFiles(path.is_absolute() ? path : fs::path(policy_.path).parent_path() / path,
+                      policy_.rule_sets.back().files, problems_);
+      }
+      entry.erase("path");
+      entry.erase("fdIndex");
+      entry["fd_index"] = i;
+      CheckRuleType(entry, place);
+    }
+  }
+
+  void CheckKeys() { CheckKeys(json_, *UserConfigData::descriptor(), ""); }
+
+  void Convert() {
+    policy_.json = json_.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+    google::protobuf::util::JsonParseOptions options;
+    options.ignore_unknown_fields = true;
+    const auto status = google::protobuf::util::JsonStringToMessage(policy_.json, &policy_.document, options);
+    const auto rule_sets = static_cast<std::size_t>(policy_.document.rule_sets_size());
+    if (!status.ok()) {
+      const auto [place, text] = SplitComplaint(std::string(status.message()));
+      Add("bad-value", place, text);
+    } else if (rule_sets != policy_.rule_sets.size()) {  // null, or no list, which protobuf takes
+      Add("bad-value", "rule_sets", "rule_sets is one list of objects");
+    }
+    if (!status.ok() || rule_sets != policy_.rule_sets.size()) {
+      // The rules can be looked at all the same, each set by itself.
+      policy_.document.Clear();
+      for (std::size_t i = 0; i < policy_.rule_sets.size(); ++i) {
+        policy_.document.add_rule_sets()->set_file_type(static_cast<std::int32_t>(i));
+      }
+    }
+    for (std::size_t i = 0; i < policy_.rule_sets.size(); ++i) {
+      const auto& info = policy_.document.rule_sets(static_cast<int>(i));
+      policy_.rule_sets[i].file_type = info.file_type();
+      policy_.rule_sets[i].rule_type = info.rule_type();
+      policy_.rule_set_fds.push_back(MemoryFile(JoinedContent(policy_.rule_sets[i])));
+    }
+  }
+
+ private:
+  void Add(const char* code, const std::string& place, std::string message) {
+    problems_.push_back(MakeProblem(code, policy_.path, policy_.LineOf(place), std::move(message)));
+    problems_.back().excerpt = policy_.Excerpt(problems_.back().line);
+  }
+
+  // The daemon's parser takes an unknown word for "Block", so it refuses any.
+  void CheckRuleType(ordered_json& entry, const std::string& place) {
+    const ordered_json* const rule_type = FindMember(entry, "rule_type", "ruleType");
+    if (rule_type == nullptr || !rule_type->is_string()) {
+      return;
+    }
+    const std::string word = rule_type->get<std::string>();
+    const bool is_number = !word.empty() && word.find_first_not_of("0123456789") == std::string::npos;
+    if (word != "Block" && word != "Allow" && !is_number) {
+      Add("unknown-rule-type", place + "/rule_type",
+          fmt::format("\"{}\" is not a rule type{}", word, QuotedSuggestion(word, {"Block", "Allow"})));
+    }
+  }
+
+  // NOLINTNEXTLINE(misc-no-recursion): as deep as the schema, not as the document
+  void CheckKeys(const ordered_json& object, const google::protobuf::Descriptor& type, const std::string& place) {
+    if (!object.is_object()) {
+      return;
+    }
+    std::vector<std::string> known;
+    for (int i = 0; i < type.field_count(); ++i) {
+      known.push_back(type.field(i)->name());
+    }
+    if (&type == UserConfigData::RuleSetFileInfo::descriptor()) {
+      known.emplace_back("path");  // vondctl's own
+    }
+    for (const auto& [key, value] : object.items()) {
+      const google::protobuf::FieldDescriptor* field = type.FindFieldByName(key);
+      for (int i = 0; i < type.field_count() && field == nullptr; ++i) {
+        field = type.field(i)->json_name() == key ? type.field(i) : nullptr;
+      }
+      const std::string here = place.empty() ? key : place + '/' + key;
+      if (field == nullptr) {
+        if (std::find(known.begin(), known.end(), key) == known.end()) {
+          Add("unknown-key", here,
+              fmt::format("the key \"{}\" means nothing here{}", key, QuotedSuggestion(key, known)));
+        }
+      } else if (field->message_type() != nullptr && field->is_repeated()) {
+        for (std::size_t i = 0; value.is_array() && i < value.size(); ++i) {
+          CheckKeys(value[i], *field->message_type(), fmt::format("{}/{}", here, i));
+        }
+      } else if (field->message_type() != nullptr) {
+        CheckKeys(value, *field->message_type(), here);
+      }
+    }
+  }
+
+  PolicySource& policy_;
+  std::vector<Problem>& problems_;
+  ordered_json json_;
+};
+
+void ThrowIfErrors(std::vector<Problem> problems) {
+  std::erase_if(problems, [](const Problem& problem) { return problem.severity != Severity::kError; });
+  if (!problems.empty()) {
+    throw PolicyError(std::move(problems));
+  }
+}
+
+std::string TextOfProblems(const std::vector<Problem>& problems) {
+  std::string text;
+  for (const Problem& problem : problems) {
+    text += text.empty() ? "" : "; ";
+    text += problem.file.empty() ? "" : problem.file + (problem.line > 0 ? fmt::format(":{}: ", problem.line) : ": ");
+    text += problem.message;
+  }
+  return text;
 }
 
 }  // namespace
+
+PolicyError::PolicyError(std::vector<Problem> problems)
+    : std::runtime_error(TextOfProblems(problems)), problems_(std::move(problems)) {}
+
+long PolicySource::LineOf(const std::string& value) const {
+  const auto it = lines.find(value);
+  return it == lines.end() ? 0 : it->second;
+}
+
+std::string PolicySource::Excerpt(long line) const {
+  std::size_t begin = 0;
+  for (long at = 1; at < line && begin != std::string::npos; ++at) {
+    begin = text.find('\n', begin);
+    begin += begin == std::string::npos ? 0 : 1;
+  }
+  return line < 1 || begin == std::string::npos ? std::string() : ExcerptAt(text, begin);
+}
 
 agent::Policy PolicySource::ForAgent(std::uint32_t log_level) const {
   agent::Policy policy;
@@ -124,11 +371,7 @@ std::string JoinedContent(const RuleSetSource& rule_set) {
   }
   std::string joined;
   for (const RuleFile& file : rule_set.files) {
-    try {
-      joined += korvo::static_pattern_matching_daemon::DecodeRuleSet(file.content);
-    } catch (const std::exception& e) {
-      throw PolicyError(fmt::format("{}: damaged packed rule file: {}", file.path, e.what()));
-    }
+    joined += korvo::static_pattern_matching_daemon::DecodeRuleSet(file.content);
     if (!joined.ends_with('\n')) {
       joined += '\n';
     }
@@ -136,12 +379,26 @@ std::string JoinedContent(const RuleSetSource& rule_set) {
   return joined;
 }
 
-PolicySource PolicyFromRules(const std::vector<std::string>& paths, std::uint32_t timeout_in_seconds) {
+std::string ExcerptAt(const std::string& text, std::size_t begin) {
+  constexpr std::size_t kLongest = 160;
+  std::string excerpt = text.substr(begin, std::min(text.find('\n', begin), text.size()) - begin);
+  excerpt.erase(excerpt.find_last_not_of(" \t\r") + 1);
+  if (excerpt.size() > kLongest) {
+    std::size_t end = kLongest;
+    while (end > 0 && (static_cast<unsigned char>(excerpt[end]) & 0xc0U) == 0x80) {  // not inside a character
+      --end;
+    }
+    excerpt = excerpt.substr(0, end) + "...";
+  }
+  return excerpt;
+}
+
+PolicySource ReadRules(const std::vector<std::string>& paths, std::uint32_t timeout_in_seconds,
+                       std::vector<Problem>& problems) {
   PolicySource policy;
   RuleSetSource rule_set;
   for (const std::string& path : paths) {
-    std::vector<RuleFile> files = ReadRuleFiles(path);
-    std::move(files.begin(), files.end(), std::back_inserter(rule_set.files));
+    ReadRuleFiles(path, rule_set.files, problems);
   }
   policy.rule_set_fds.push_back(MemoryFile(JoinedContent(rule_set)));
   policy.rule_sets.push_back(std::move(rule_set));
@@ -150,36 +407,37 @@ PolicySource PolicyFromRules(const std::vector<std::string>& paths, std::uint32_
   return policy;
 }
 
-PolicySource PolicyFromFile(const std::string& path) {
+PolicySource PolicyFromRuleFile(RuleFile file) {
   PolicySource policy;
-  ordered_json document;
-  try {
-    document = ordered_json::parse(ReadWholeFile(path));
-  } catch (const nlohmann::json::parse_error& e) {
-    throw PolicyError(fmt::format("{}: not valid JSON: {}", path, e.what()));
+  policy.rule_set_fds.push_back(MemoryFile(file.content));
+  policy.rule_sets.emplace_back().files.push_back(std::move(file));
+  policy.document.add_rule_sets();
+  return policy;
+}
+
+PolicySource ReadPolicy(const std::string& path, std::vector<Problem>& problems) {
+  PolicySource policy;
+  policy.path = path;
+  PolicyDocument document(policy, problems);
+  if (document.Parse()) {
+    document.CheckKeys();
+    document.ReadRuleSets();
+    document.Convert();
   }
-  if (!document.is_object()) {
-    throw PolicyError(fmt::format("{}: a policy is a JSON object", path));
-  }
-  std::vector<std::vector<RuleFile>> files;
-  ordered_json* const entries = FindMember(document, "rule_sets", "ruleSets");
-  if (entries != nullptr && entries->is_array()) {
-    for (std::size_t i = 0; i < entries->size(); ++i) {
-      files.push_back(ReadRuleFiles(ExchangePath((*entries)[i], i, path)));
-    }
-  }
-  policy.json = document.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
-  google::protobuf::util::JsonParseOptions options;
-  options.ignore_unknown_fields = true;
-  const auto status = google::protobuf::util::JsonStringToMessage(policy.json, &policy.document, options);
-  if (!status.ok()) {
-    throw PolicyError(fmt::format("{}: {}", path, std::string(status.message())));
-  }
-  for (std::size_t i = 0; i < files.size(); ++i) {
-    const auto& info = policy.document.rule_sets(static_cast<int>(i));
-    policy.rule_sets.push_back({info.file_type(), info.rule_type(), std::move(files[i])});
-    policy.rule_set_fds.push_back(MemoryFile(JoinedContent(policy.rule_sets.back())));
-  }
+  return policy;
+}
+
+PolicySource PolicyFromRules(const std::vector<std::string>& paths, std::uint32_t timeout_in_seconds) {
+  std::vector<Problem> problems;
+  PolicySource policy = ReadRules(paths, timeout_in_seconds, problems);
+  ThrowIfErrors(std::move(problems));
+  return policy;
+}
+
+PolicySource PolicyFromFile(const std::string& path) {
+  std::vector<Problem> problems;
+  PolicySource policy = ReadPolicy(path, problems);
+  ThrowIfErrors(std::move(problems));
   return policy;
 }
 

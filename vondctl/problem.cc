@@ -11,18 +11,6 @@
 namespace vond::vondctl {
 namespace {
 
-const char* SeverityName(Severity severity) {
-  switch (severity) {
-    case Severity::kError:
-      return "error";
-    case Severity::kWarning:
-      return "warning";
-    case Severity::kNote:
-      return "note";
-  }
-  return "error";
-}
-
 Color SeverityColor(Severity severity) {
   switch (severity) {
     case Severity::kError:
@@ -36,6 +24,18 @@ Color SeverityColor(Severity severity) {
 }
 
 }  // namespace
+
+const char* SeverityName(Severity severity) {
+  switch (severity) {
+    case Severity::kError:
+      return "error";
+    case Severity::kWarning:
+      return "warning";
+    case Severity::kNote:
+      return "note";
+  }
+  return "error";
+}
 
 nlohmann::ordered_json ProblemJson(const Problem& problem) {
   nlohmann::ordered_json json{

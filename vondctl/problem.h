@@ -9,6 +9,9 @@ namespace vond::vondctl {
 
 enum class Severity { kError, kWarning, kNote };
 
+/// "error", "warning" or "note".
+[[nodiscard]] const char* SeverityName(Severity severity);
+
 /// Something wrong with a rule, a rule file or a policy.
 struct Problem {
   std::string code;  ///< stable, such as "missing-action"; see problem_codes.h
