@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace vond::vondctl {
+
+/// What `vondctl scan` was asked for.
+struct ScanOptions {
+  // The policy: a file, or made of rules.
+  std::string policy;
+  std::vector<std::string> rules;        ///< block rules: files and folders
+  std::vector<std::string> allow_rules;  ///< allow rules
+  std::uint32_t workers = 0;             ///< 0: one per processor
+  std::uint32_t timeout_in_seconds = 30;
+  std::uint32_t retries_on_match = 0;
+  std::int32_t file_type = 0;
+  std::vector<std::string> rule_types;  ///< "block", "allow"; empty: all that the policy has
+
+  // The files.
+  std::vector<std::string> paths;                                   ///< "-" is standard input
+  std::string files_from;                                           ///< "-" is standard input; empty: none
+  bool zero_terminated = false;                                     ///< the names in `files_from`
+  std::size_t max_depth = std::numeric_limits<std::size_t>::max();  ///< of folders below a named one
+  std::vector<std::string> include;
+  std::vector<std::string> exclude;
+  std::uint64_t max_size = 0;  ///< bytes; 0: no bound
+  bool one_file_system = false;
+  bool follow = false;
+
+  // The run.
+  std::uint64_t max_errors = 0;           ///< 0: no bound
+  std::uint32_t deadline_in_seconds = 0;  ///< for the answer to a scan that runs; 0: follows from the time-outs
+  std::string executable;                 ///< of vond; empty: the one that belongs to this vondctl
+
+  // The results.
+  bool all = false;            ///< clean files too
+  bool count = false;          ///< nothing but the counts
+  bool meta = false;           ///< as text: the matched rules' metadata
+  bool tags = false;           ///< as text: their tags
+  bool private_rules = false;  ///< private rules count and are shown
+  std::string report;          ///< the JSON Lines go here as well
+};
+
+/// Adds the options to `app`, which fills what is returned. Combinations that make no sense are parse errors.
+[[nodiscard]] std::shared_ptr<const ScanOptions> AddScanOptions(CLI::App& app);
+
+/// "10", "10K", "10M", "10G" in bytes (K is 1024); nothing for anything else.
+[[nodiscard]] std::optional<std::uint64_t> ParseSize(const std::string& text);
+
+}  // namespace vond::vondctl
