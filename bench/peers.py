@@ -187,7 +187,7 @@ def take_turns(daemon, peer, files, rounds):
     return ratios, matches
 
 
-def compare(vond_bench, folder, modules, rounds):
+def compare(vond_bench, folder, modules, rounds, only):
     """Yields name, ratios, pairs of both numbers of matches, and how many rules were refused, of each that is there."""
     files = sorted((folder / "files").iterdir())
     daemons = {threads: LineProgram([vond_bench, "passes", folder, "--workers", str(threads)])
@@ -202,6 +202,8 @@ def compare(vond_bench, folder, modules, rounds):
     ]
     try:
         for name, threads, make in peers:
+            if not name.startswith(only):
+                continue
             try:
                 peer = make()
                 try:
@@ -233,6 +235,8 @@ def main():
     parser.add_argument("--modules", type=pathlib.Path, required=True, help="folder of node's packages")
     parser.add_argument("--full", action="store_true")
     parser.add_argument("--rounds", type=int)
+    parser.add_argument("--kinds", help="CLASS:RULES,... in place of the usual ones; other figures there are kept")
+    parser.add_argument("--only", help="peers, by what their names begin with")
     parser.add_argument("--inputs", nargs=argparse.REMAINDER, default=[],
                         help="options of vond_bench that say which rules and files; the last option here")
     arguments = parser.parse_args()
@@ -243,12 +247,17 @@ def main():
     if "--rules" in arguments.inputs:
         kinds = [(file_class, 0) for file_class in dict.fromkeys(c for c, _ in kinds)]
     figures = {}
+    if arguments.kinds:
+        kinds = [(kind.split(":")[0], int(kind.split(":")[1])) for kind in arguments.kinds.split(",")]
+        old = arguments.out / "peers.json"
+        figures = json.loads(old.read_text())["figures"] if old.exists() else {}
+    only = tuple(arguments.only.split(",")) if arguments.only else ("",)
     for file_class, rules in kinds:
         with tempfile.TemporaryDirectory(prefix="vond_bench.") as scratch:
             folder = pathlib.Path(scratch)
             subprocess.run([arguments.vond_bench, *arguments.inputs, "export", folder, "--class", file_class,
                             "--count", str(rules)], check=True)
-            for name, ratios, matches, refused in compare(arguments.vond_bench, folder, arguments.modules, rounds):
+            for name, ratios, matches, refused in compare(arguments.vond_bench, folder, arguments.modules, rounds, only):
                 notes = "; ".join([f"matches {ours} and {theirs}" for ours, theirs in sorted(matches)] +
                                   ([f"{refused} rules refused"] if refused else []))
                 figures[f"peer.{file_class}.{rules or 'real'}.{name}"] = {

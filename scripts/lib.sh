@@ -15,6 +15,10 @@ build_packages=(
   python3 python3-protobuf
 )
 
+# What the tests need besides: the manual's tools, and the shells whose completion is tried.
+# shellcheck disable=SC2034
+test_packages=(python3-jsonschema scdoc groff-base bash zsh fish)
+
 fail() {
   printf '%s: %s\n' "$0" "$*" >&2
   exit 1

@@ -1,17 +1,8 @@
 #include "utils/utf8.h"
 
-#include <cstddef>
-
 namespace korvo::utils {
-namespace {
 
-struct Sequence {
-  std::size_t length;  // bytes that belong together, at least 1
-  bool valid;
-};
-
-// The sequence that starts at text[at]: a whole character, or the longest prefix of one that is well formed.
-Sequence NextSequence(std::string_view text, std::size_t at) {
+Utf8Sequence NextUtf8Sequence(std::string_view text, std::size_t at) {
   const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned lead = byte(at);
   if (lead < 0x80) {
@@ -46,13 +37,11 @@ Sequence NextSequence(std::string_view text, std::size_t at) {
   return {length, true};
 }
 
-}  // namespace
-
 std::string ReplaceInvalidUtf8(std::string_view text) {
   std::string result;
   result.reserve(text.size());
   for (std::size_t at = 0; at < text.size();) {
-    const Sequence sequence = NextSequence(text, at);
+    const Utf8Sequence sequence = NextUtf8Sequence(text, at);
     if (sequence.valid) {
       result.append(text.substr(at, sequence.length));
     } else {
