@@ -127,7 +127,7 @@ void _ZN4Poco6Crypto16initializeCryptoEv() {
 }  // extern "C"
 
 #ifndef VOND_SANITIZED  // has an operator new of its own, with a delete to match
-// NOLINTNEXTLINE(cert-dcl54-cpp,misc-new-delete-overloads): the standard library's delete frees what malloc gave
+// NOLINTNEXTLINE(misc-new-delete-overloads): the standard library's delete frees what malloc gave
 void* operator new(std::size_t size) {
   void* const memory = running && Fails("new") ? nullptr : std::malloc(size);
   return memory == nullptr ? throw std::bad_alloc() : memory;
