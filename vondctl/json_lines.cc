@@ -6,7 +6,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "static_pattern_matching/proto/StaticPatternMatching.pb.h"
 #include "utils/utf8.h"
+#include "yara/yara_lib/proto/YaraLib.pb.h"
 
 namespace vond::vondctl {
 
@@ -28,6 +30,31 @@ void AddPath(ordered_json& object, const std::string& key, const std::string& pa
     encoder << path;
     encoder.close();
     object[key + "_b64"] = base64.str();
+  }
+}
+
+ordered_json MetadataJson(const yara_lib::MetaDataItemValue& value) {
+  switch (value.value_case()) {
+    case yara_lib::MetaDataItemValue::kStringValue:
+      return value.string_value();
+    case yara_lib::MetaDataItemValue::kIntValue:
+      return value.int_value();
+    case yara_lib::MetaDataItemValue::kBoolValue:
+      return value.bool_value();
+    case yara_lib::MetaDataItemValue::VALUE_NOT_SET:
+      break;
+  }
+  return nullptr;
+}
+
+ordered_json RuleTypeJson(std::int32_t rule_type) {
+  switch (rule_type) {
+    case static_pattern_matching_proto::Block:
+      return "block";
+    case static_pattern_matching_proto::Allow:
+      return "allow";
+    default:
+      return rule_type;
   }
 }
 

@@ -1,7 +1,12 @@
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+
+namespace yara_lib {
+class MetaDataItemValue;
+}
 
 namespace vond::vondctl {
 
@@ -14,5 +19,11 @@ void WriteJsonLine(const nlohmann::ordered_json& object);
 /// Puts a path into `object` under `key`. JSON has no way to hold one that is not UTF-8: such a path has U+FFFD in it,
 /// and its true bytes stand beside it in base64 under `key` + "_b64".
 void AddPath(nlohmann::ordered_json& object, const std::string& key, const std::string& path);
+
+/// The value of a metadata item with its own type; null if there is none.
+[[nodiscard]] nlohmann::ordered_json MetadataJson(const yara_lib::MetaDataItemValue& value);
+
+/// "block", "allow", or the number of a type without a name.
+[[nodiscard]] nlohmann::ordered_json RuleTypeJson(std::int32_t rule_type);
 
 }  // namespace vond::vondctl

@@ -133,26 +133,6 @@ void ShowOverrides(const PolicySource& policy, const PolicyFindings& findings) {
   }
 }
 
-ordered_json OverrideValueJson(const RuleOverride& rule_override) {
-  const auto& value = rule_override.item().value();
-  switch (value.value_case()) {
-    case yara_lib::MetaDataItemValue::kStringValue:
-      return value.string_value();
-    case yara_lib::MetaDataItemValue::kIntValue:
-      return value.int_value();
-    case yara_lib::MetaDataItemValue::kBoolValue:
-      return value.bool_value();
-    default:
-      return nullptr;
-  }
-}
-
-// As in the lines of a scan: a number for a type without a name.
-ordered_json RuleTypeJson(std::int32_t rule_type) {
-  return static_pattern_matching_proto::RuleType_IsValid(rule_type) ? ordered_json(RuleTypeName(rule_type))
-                                                                    : ordered_json(rule_type);
-}
-
 ordered_json PolicyJson(const PolicySource& policy, const PolicyFindings& findings, std::size_t bytes) {
   const auto& document = policy.document;
   ordered_json json{{"type", "policy_document"},
@@ -185,7 +165,7 @@ ordered_json PolicyJson(const PolicySource& policy, const PolicyFindings& findin
     const RuleOverride& rule_override = document.rule_overrides(static_cast<int>(i));
     ordered_json entry{{"rule_id", rule_override.rule_id()},
                        {"key", rule_override.item().key()},
-                       {"value", OverrideValueJson(rule_override)}};
+                       {"value", MetadataJson(rule_override.item().value())}};
     if (checked.rule_set) {
       entry["rule_set"] = *checked.rule_set;
     }

@@ -45,43 +45,17 @@ const char* OutcomeName(Outcome outcome) {
   return "error";
 }
 
-// "block", "allow", or the number of a type without a name.
-ordered_json RuleTypeJson(std::int32_t rule_type) {
-  switch (rule_type) {
-    case static_pattern_matching_proto::Block:
-      return "block";
-    case static_pattern_matching_proto::Allow:
-      return "allow";
-    default:
-      return rule_type;
-  }
-}
-
-ordered_json ValueJson(const yara_lib::MetaDataItemValue& value) {
-  switch (value.value_case()) {
-    case yara_lib::MetaDataItemValue::kStringValue:
-      return value.string_value();
-    case yara_lib::MetaDataItemValue::kIntValue:
-      return value.int_value();
-    case yara_lib::MetaDataItemValue::kBoolValue:
-      return value.bool_value();
-    case yara_lib::MetaDataItemValue::VALUE_NOT_SET:
-      break;
-  }
-  return nullptr;
-}
-
 ordered_json MatchJson(const Match& match) {
   ordered_json id;
   ordered_json action;
   ordered_json meta = ordered_json::array();
   for (const auto& item : match.rule.metadata_items()) {
     if (item.key() == "id") {  // of several the last one counts, as for the daemon
-      id = ValueJson(item.value());
+      id = MetadataJson(item.value());
     } else if (item.key() == "action") {
-      action = ValueJson(item.value());
+      action = MetadataJson(item.value());
     } else {
-      meta.push_back({{"key", item.key()}, {"value", ValueJson(item.value())}});
+      meta.push_back({{"key", item.key()}, {"value", MetadataJson(item.value())}});
     }
   }
   ordered_json tags = ordered_json::array();
@@ -243,7 +217,7 @@ void Reporter::FileAsText(const FileReport& file) const {
       if (options_.meta) {
         text += fmt::format(
             "    {} = {}\n", EscapeForTerminal(item.key()),
-            EscapeForTerminal(ValueJson(item.value()).dump(-1, ' ', false, ordered_json::error_handler_t::replace)));
+            EscapeForTerminal(MetadataJson(item.value()).dump(-1, ' ', false, ordered_json::error_handler_t::replace)));
       }
     }
   }
