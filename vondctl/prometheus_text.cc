@@ -6,8 +6,6 @@
 #include <string_view>
 #include <utility>
 
-#include "vondctl/policy_check.h"
-
 namespace vond::vondctl {
 namespace {
 
@@ -30,6 +28,10 @@ std::string EscapeLabel(std::string_view text) {
     }
   }
   return escaped;
+}
+
+std::string TypeLabel(int rule_type) {
+  return rule_type == 0 ? "block" : rule_type == 1 ? "allow" : std::to_string(rule_type);
 }
 
 class Text {
@@ -112,7 +114,7 @@ std::string PrometheusText(const vond_relay::Status& status) {
   text.Begin("vond_rule_hits_total", "counter",
              "Matches by rule; those of rules that are not counted alone under \"\".");
   for (const vond_relay::RuleHits& hits : status.rule_hits()) {
-    text.Add(hits.hits(), {{"rule", hits.rule()}, {"type", RuleTypeName(hits.rule_type())}});
+    text.Add(hits.hits(), {{"rule", hits.rule()}, {"type", TypeLabel(hits.rule_type())}});
   }
   text.Add(status.other_rule_hits(), {{"rule", ""}, {"type", ""}});
   return text.Take();
