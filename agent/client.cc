@@ -13,16 +13,19 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "agent/relay_protocol.h"
 #include "utils/unix_fds.h"
 
 namespace vond::agent {
 namespace {
 
+using auto_resources::ManagedFD;
 using korvo::utils::MutexLock;
 using korvo_daemon::Request;
 using static_pattern_matching_proto::ScanRequest;
@@ -107,33 +110,6 @@ const char* FileKind(mode_t mode) {
   }
 }
 
-// What keeps the daemon from scanning the content of `fd`. It would report most of these as empty files.
-std::optional<Error> CheckScannable(int fd, std::uint32_t max_sample_size) {
-  struct stat status {};
-  struct statfs filesystem {};
-  const int flags = ::fcntl(fd, F_GETFL);
-  if (flags < 0 || ::fstat(fd, &status) != 0) {
-    return NotOpen(fd);
-  }
-  if (!S_ISREG(status.st_mode)) {
-    return Error(ErrorCode::kNotRegularFile,
-                 DescriptorName(fd) + " is " + FileKind(status.st_mode) + ", and only regular files can be scanned");
-  }
-  if (status.st_size == 0 && ::fstatfs(fd, &filesystem) == 0 && filesystem.f_type == PROC_SUPER_MAGIC) {
-    return Error(ErrorCode::kNotRegularFile,
-                 DescriptorName(fd) + " is a file of /proc, whose content only comes to be by reading");
-  }
-  if ((flags & O_PATH) != 0 || (flags & O_ACCMODE) == O_WRONLY) {
-    return Error(ErrorCode::kBadDescriptor, DescriptorName(fd) + " is not open for reading", EBADF);
-  }
-  if (max_sample_size != 0 && static_cast<std::uint64_t>(status.st_size) > max_sample_size) {
-    return Error(ErrorCode::kFileTooLarge, DescriptorName(fd) + ": the file has " + std::to_string(status.st_size) +
-                                               " bytes, and the policy's max_sample_size is " +
-                                               std::to_string(max_sample_size));
-  }
-  return std::nullopt;
-}
-
 Request ToRequest(const ScanRequest& scan) {
   Request request;
   scan.SerializeToString(request.mutable_generic_data_request()->mutable_data());
@@ -142,8 +118,11 @@ Request ToRequest(const ScanRequest& scan) {
 
 ScanAnswer ToScanAnswer(Answer answer) {
   ScanAnswer scan_answer{std::move(answer.error), {}};
-  if (!scan_answer.error && (!answer.response.has_generic_data_response() ||
-                             !scan_answer.response.ParseFromString(answer.response.generic_data_response().data()))) {
+  if (!scan_answer.error && answer.response.has_generic_result()) {
+    scan_answer.error = ErrorIn(answer.response.generic_result());
+  } else if (!scan_answer.error &&
+             (!answer.response.has_generic_data_response() ||
+              !scan_answer.response.ParseFromString(answer.response.generic_data_response().data()))) {
     scan_answer.error.emplace(ErrorCode::kBadAnswer, "vond's answer to a scan is not the result of a scan");
     scan_answer.response.Clear();
   }
@@ -163,17 +142,6 @@ std::string PolicyJson(const Policy& policy) {
     throw Error(ErrorCode::kPolicyRefused, "the policy cannot be written as JSON: " + status.ToString());
   }
   return json;
-}
-
-std::uint32_t MaxSampleSize(const Policy& policy, const std::string& json) {
-  if (policy.json.empty()) {
-    return policy.document.max_sample_size();
-  }
-  UserConfigData document;
-  google::protobuf::util::JsonParseOptions options;
-  options.ignore_unknown_fields = true;
-  // Whether the document is good is the daemon's to say.
-  return google::protobuf::util::JsonStringToMessage(json, &document, options).ok() ? document.max_sample_size() : 0;
 }
 
 // What a daemon said before it ended, if it ended badly.
@@ -230,13 +198,60 @@ Error LostAnswerError(const std::string& line, std::size_t socket_buffer_bytes) 
 
 }  // namespace
 
-Client::Client(DaemonOptions options) : user_on_output_(std::move(options.on_output)) {
+std::optional<Error> CheckScannable(int fd, std::uint32_t max_sample_size) {
+  struct stat status {};
+  struct statfs filesystem {};
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || ::fstat(fd, &status) != 0) {
+    return NotOpen(fd);
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return Error(ErrorCode::kNotRegularFile,
+                 DescriptorName(fd) + " is " + FileKind(status.st_mode) + ", and only regular files can be scanned");
+  }
+  if (status.st_size == 0 && ::fstatfs(fd, &filesystem) == 0 && filesystem.f_type == PROC_SUPER_MAGIC) {
+    return Error(ErrorCode::kNotRegularFile,
+                 DescriptorName(fd) + " is a file of /proc, whose content only comes to be by reading");
+  }
+  if ((flags & O_PATH) != 0 || (flags & O_ACCMODE) == O_WRONLY) {
+    return Error(ErrorCode::kBadDescriptor, DescriptorName(fd) + " is not open for reading", EBADF);
+  }
+  if (max_sample_size != 0 && static_cast<std::uint64_t>(status.st_size) > max_sample_size) {
+    return Error(ErrorCode::kFileTooLarge, DescriptorName(fd) + ": the file has " + std::to_string(status.st_size) +
+                                               " bytes, and the policy's max_sample_size is " +
+                                               std::to_string(max_sample_size));
+  }
+  return std::nullopt;
+}
+
+std::uint32_t MaxSampleSize(const Policy& policy) {
+  if (policy.json.empty()) {
+    return policy.document.max_sample_size();
+  }
+  UserConfigData document;
+  google::protobuf::util::JsonParseOptions options;
+  options.ignore_unknown_fields = true;
+  // Whether the document is good is the daemon's to say.
+  return google::protobuf::util::JsonStringToMessage(policy.json, &document, options).ok() ? document.max_sample_size()
+                                                                                           : 0;
+}
+
+Client::Client(DaemonOptions options, std::function<void()> on_end)
+    : user_on_output_(std::move(options.on_output)), on_end_(std::move(on_end)) {
+  options.on_output = [this](OutputStream stream, const std::string& line) { OnOutputLine(stream, line); };
+  Start([&] { process_ = std::make_unique<DaemonProcess>(std::move(options)); });
+}
+
+Client::Client(ManagedFD connection) : connection_(std::move(connection)) {
+  Start([] {});
+}
+
+void Client::Start(const std::function<void()>& open_channel) {
   wake_.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!wake_.IsValid()) {
     throw Error(ErrorCode::kStartFailed, "starting vond: eventfd: " + ErrnoText(errno), errno);
   }
-  options.on_output = [this](OutputStream stream, const std::string& line) { OnOutputLine(stream, line); };
-  process_ = std::make_unique<DaemonProcess>(std::move(options));
+  open_channel();
   try {
     receiver_ = std::thread(&Client::ReceiveLoop, this);
   } catch (const std::system_error& e) {
@@ -254,6 +269,15 @@ Client::~Client() {
 }
 
 void Client::SendAsync(Request request, const std::vector<int>& fds, Deadline deadline, Callback callback) {
+  SendWaiting(std::move(request), fds, deadline, std::move(callback), !OnReceiver());
+}
+
+void Client::SendNowAsync(Request request, const std::vector<int>& fds, Deadline deadline, Callback callback) {
+  SendWaiting(std::move(request), fds, deadline, std::move(callback), false);
+}
+
+void Client::SendWaiting(Request request, const std::vector<int>& fds, Deadline deadline, Callback callback,
+                         bool may_wait) {
   std::uint64_t id = 0;
   {
     const MutexLock lock(mutex_);
@@ -266,8 +290,8 @@ void Client::SendAsync(Request request, const std::vector<int>& fds, Deadline de
     return;
   }
   // Pending before it is sent, or its answer could come first.
-  if (Register(id, deadline, std::move(callback))) {
-    Transmit(id, packet, fds, deadline);
+  if (Register(id, deadline, std::move(callback), may_wait)) {
+    Transmit(id, packet, fds, deadline, may_wait);
   }
 }
 
@@ -323,7 +347,7 @@ void Client::ApplyPolicy(const Policy& policy, milliseconds timeout) {
     }
   }
   Request request = PolicyRequest(policy);
-  const std::uint32_t max_sample_size = MaxSampleSize(policy, request.config().user_config().data());
+  const std::uint32_t max_sample_size = MaxSampleSize(policy);
 
   const MutexLock one_at_a_time(policy_mutex_);
   {
@@ -338,8 +362,8 @@ void Client::ApplyPolicy(const Policy& policy, milliseconds timeout) {
     throw Error(ErrorCode::kBadAnswer, "vond's answer to a policy is not its verdict on it");
   }
   if (!answer.response.config_result().success()) {
-    throw Error(ErrorCode::kPolicyRefused,
-                "vond refused the policy, and its former one stays in force; its log says: " + CollectPolicyErrors());
+    const std::string reason = process_ ? "its log says: " + CollectPolicyErrors() : "the relay's messages say why";
+    throw Error(ErrorCode::kPolicyRefused, "vond refused the policy, and its former one stays in force; " + reason);
   }
   const MutexLock lock(mutex_);
   max_sample_size_ = max_sample_size;
@@ -375,6 +399,23 @@ bool Client::IsAlive() {
   return !dead_;
 }
 
+std::string Client::WhyDead() {
+  const MutexLock lock(mutex_);
+  return death_;
+}
+
+void Client::Abandon() {
+  if (process_) {
+    process_->Kill(SIGKILL);
+  } else {
+    ::shutdown(connection_.Get(), SHUT_RDWR);
+  }
+}
+
+std::vector<std::string> Client::RecentLog() {
+  return process_ ? process_->RecentOutput(OutputStream::kStdout) : std::vector<std::string>{};
+}
+
 void Client::Wake() { ::eventfd_write(wake_.Get(), 1); }
 
 void Client::Fail(Callback callback, const Error& error) {
@@ -383,9 +424,9 @@ void Client::Fail(Callback callback, const Error& error) {
   Wake();
 }
 
-bool Client::Register(std::uint64_t id, Deadline deadline, Callback callback) {
+bool Client::Register(std::uint64_t id, Deadline deadline, Callback callback, bool may_wait) {
   const MutexLock lock(mutex_);
-  while (!dead_ && pending_.size() >= kMaxInFlight && !OnReceiver() && steady_clock::now() < deadline) {
+  while (!dead_ && pending_.size() >= kMaxInFlight && may_wait && steady_clock::now() < deadline) {
     window_.wait_until(mutex_, deadline);
   }
   std::optional<Error> error;
@@ -395,7 +436,8 @@ bool Client::Register(std::uint64_t id, Deadline deadline, Callback callback) {
     error.emplace(ErrorCode::kDeadlineExceeded, "not sent: the deadline passed while others were with vond");
   } else if (pending_.size() >= kMaxInFlight) {
     error.emplace(ErrorCode::kSendFailed,
-                  "not sent: " + std::to_string(kMaxInFlight) + " others are with vond, and a callback cannot wait");
+                  "not sent: " + std::to_string(kMaxInFlight) + " others are with vond, and a callback cannot wait",
+                  EAGAIN);
   }
   if (error) {
     ended_.push_back({std::move(callback), {*error, {}}});
@@ -409,8 +451,9 @@ bool Client::Register(std::uint64_t id, Deadline deadline, Callback callback) {
   return true;
 }
 
-void Client::Transmit(std::uint64_t id, const std::string& packet, const std::vector<int>& fds, Deadline deadline) {
-  const int channel = process_->ChannelFd();
+void Client::Transmit(std::uint64_t id, const std::string& packet, const std::vector<int>& fds, Deadline deadline,
+                      bool may_wait) {
+  const int channel = ChannelFd();
   while (true) {
     // One packet is one call, so that senders need no lock among themselves.
     const bool sent = fds.empty()
@@ -426,7 +469,7 @@ void Client::Transmit(std::uint64_t id, const std::string& packet, const std::ve
     }
     if (error == EAGAIN) {
       pollfd writable{channel, POLLOUT, 0};
-      if (OnReceiver()) {
+      if (!may_wait) {
         Withdraw(id, Error(ErrorCode::kSendFailed, "not sent: the socket is full, and a callback cannot wait", error));
         return;
       }
@@ -452,7 +495,7 @@ void Client::Withdraw(std::uint64_t id, const Error& error) {
 
 void Client::ReceiveLoop() {
   std::string buffer;
-  std::array<pollfd, 2> fds{pollfd{process_->ChannelFd(), POLLIN, 0}, pollfd{wake_.Get(), POLLIN, 0}};
+  std::array<pollfd, 2> fds{pollfd{ChannelFd(), POLLIN, 0}, pollfd{wake_.Get(), POLLIN, 0}};
   while (true) {
     std::vector<Ended> ended;
     Deadline next_look;
@@ -489,7 +532,7 @@ void Client::ReceiveLoop() {
 }
 
 bool Client::ReceivePackets(std::string& buffer) {
-  const int channel = process_->ChannelFd();
+  const int channel = ChannelFd();
   for (int packets = 0; packets < kMaxPacketsAtOnce; ++packets) {
     const ssize_t size = ::recv(channel, nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
     if (size > 0) {
@@ -519,9 +562,14 @@ void Client::TakePacket(const std::string& packet) {
 }
 
 void Client::TakeEndOfDaemon() {
-  const std::string how = DescribeEnd(*process_);
-  const MutexLock lock(mutex_);
-  EndAllPending(how);
+  const std::string how = process_ ? DescribeEnd(*process_) : "the relay has closed the connection";
+  {
+    const MutexLock lock(mutex_);
+    EndAllPending(how);
+  }
+  if (on_end_) {
+    on_end_();
+  }
 }
 
 void Client::OnOutputLine(OutputStream stream, const std::string& line) {

@@ -39,6 +39,14 @@ struct Policy {
 /// can't be written as JSON.
 [[nodiscard]] korvo_daemon::Request PolicyRequest(const Policy& policy);
 
+/// The policy's max_sample_size in bytes, 0 for no limit; 0 too for a document that the daemon won't take.
+[[nodiscard]] std::uint32_t MaxSampleSize(const Policy& policy);
+
+/// What keeps a daemon from scanning the content of `fd`: not a readable regular file (or memfd), which it would report
+/// as an empty one, or larger than `max_sample_size` bytes (0: no limit). Asks the file system, which may take its
+/// time.
+[[nodiscard]] std::optional<Error> CheckScannable(int fd, std::uint32_t max_sample_size);
+
 /// The end of one request: an answer, or why there is none. Never both.
 struct Answer {
   std::optional<Error> error;
@@ -52,8 +60,8 @@ struct ScanAnswer {
   static_pattern_matching_proto::ScanResponse response;
 };
 
-/// The agent's side of one daemon: starts it, sends policies and scans, pairs answers with requests by id, and gives
-/// every request an end, be it an answer or an Error, within its deadline.
+/// The agent's side of one daemon: starts it or reaches it through a relay (relay.h), sends policies and scans, pairs
+/// answers with requests by id, and gives every request an end, be it an answer or an Error, within its deadline.
 ///
 /// Any thread may call any method; the object must outlive the calls and is not destroyed from a callback. Callbacks
 /// run on the client's own thread, one at a time, and must return quickly and not throw; they may start new requests
@@ -66,18 +74,24 @@ class Client {
   using Callback = std::function<void(Answer)>;
   using ScanCallback = std::function<void(ScanAnswer)>;
 
-  /// Starts a daemon. Throws Error kStartFailed.
-  explicit Client(DaemonOptions options);
+  /// Starts a daemon. `on_end` is called once, on the client's thread, when the channel has ended by itself; it may be
+  /// empty and must do as callbacks must. Throws Error kStartFailed.
+  explicit Client(DaemonOptions options, std::function<void()> on_end = {});
+  /// Speaks to whoever is at the other end of `connection`, a SOCK_SEQPACKET socket (see ConnectToRelay). Its end is
+  /// kDaemonDied to all that is open. There is no log: a refused policy comes without reasons. Throws likewise.
+  explicit Client(auto_resources::ManagedFD connection);
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
-  /// Gives every open request Error kDaemonDied, then ends the daemon.
+  /// Gives every open request Error kDaemonDied, then ends the daemon, or the connection.
   ~Client();
 
   /// Sends a request and calls `callback` exactly once with its end, never from inside this call. The header's id is
   /// set here. Waits while kMaxInFlight requests are with the daemon, or while the socket is full, at most until
   /// `deadline`. An answer that the daemon drops shows as such only if its log level is at least 3.
   void SendAsync(korvo_daemon::Request request, const std::vector<int>& fds, Deadline deadline, Callback callback);
-  /// The same, waiting for the end.
+  /// The same without ever waiting: where SendAsync would, the end is kSendFailed with the errno EAGAIN.
+  void SendNowAsync(korvo_daemon::Request request, const std::vector<int>& fds, Deadline deadline, Callback callback);
+  /// SendAsync, waiting for the end.
   [[nodiscard]] Answer Send(korvo_daemon::Request request, const std::vector<int>& fds,
                             std::chrono::milliseconds timeout);
 
@@ -98,7 +112,15 @@ class Client {
   [[nodiscard]] std::size_t InFlight() EXCLUDES(mutex_);
   /// Whether the channel still stands.
   [[nodiscard]] bool IsAlive() EXCLUDES(mutex_);
+  /// How the channel came to its end; empty while it stands.
+  [[nodiscard]] std::string WhyDead() EXCLUDES(mutex_);
+  /// Kills the daemon, or breaks the connection: what is open ends with kDaemonDied. Does not wait.
+  void Abandon();
+  [[nodiscard]] bool IsConnection() const noexcept { return process_ == nullptr; }
+  /// The daemon that was started here. Not for a connection.
   [[nodiscard]] DaemonProcess& Process() noexcept { return *process_; }
+  /// The last lines of the daemon's log, oldest first; none from behind a connection.
+  [[nodiscard]] std::vector<std::string> RecentLog();
 
  private:
   struct Pending {
@@ -111,16 +133,21 @@ class Client {
     Answer answer;
   };
 
+  // Starts the receiver once `open_channel` has made the channel.
+  void Start(const std::function<void()>& open_channel);
+  [[nodiscard]] int ChannelFd() const noexcept { return process_ ? process_->ChannelFd() : connection_.Get(); }
+  void SendWaiting(korvo_daemon::Request request, const std::vector<int>& fds, Deadline deadline, Callback callback,
+                   bool may_wait) EXCLUDES(mutex_);
   [[nodiscard]] bool OnReceiver() const { return std::this_thread::get_id() == receiver_.get_id(); }
   // Makes the receiver look at ended_ and the deadlines.
   void Wake();
   // Gives a request that was never pending its end.
   void Fail(Callback callback, const Error& error) EXCLUDES(mutex_);
   // Waits for room and makes the request pending; gives it its end and returns false if that cannot be.
-  [[nodiscard]] bool Register(std::uint64_t id, Deadline deadline, Callback callback) EXCLUDES(mutex_);
+  [[nodiscard]] bool Register(std::uint64_t id, Deadline deadline, Callback callback, bool may_wait) EXCLUDES(mutex_);
   // Sends a pending request, or withdraws it.
-  void Transmit(std::uint64_t id, const std::string& packet, const std::vector<int>& fds, Deadline deadline)
-      EXCLUDES(mutex_);
+  void Transmit(std::uint64_t id, const std::string& packet, const std::vector<int>& fds, Deadline deadline,
+                bool may_wait) EXCLUDES(mutex_);
   void Withdraw(std::uint64_t id, const Error& error) EXCLUDES(mutex_);
   // The daemon's ERROR lines about the policy that it has just refused.
   [[nodiscard]] std::string CollectPolicyErrors() EXCLUDES(mutex_);
@@ -142,6 +169,7 @@ class Client {
   void ResolveLostAnswers() REQUIRES(mutex_);
 
   std::function<void(OutputStream, const std::string&)> user_on_output_;
+  std::function<void()> on_end_;
   korvo::utils::Mutex policy_mutex_;  // held while a policy is with the daemon; before mutex_
   korvo::utils::Mutex mutex_;
   std::condition_variable_any window_;  // of mutex_: room for another request, or the end of the daemon
@@ -158,6 +186,7 @@ class Client {
   std::uint32_t max_sample_size_ GUARDED_BY(mutex_) = 0;
   std::vector<std::string> policy_errors_ GUARDED_BY(mutex_);  // ERROR lines since the last policy was sent
   auto_resources::ManagedFD wake_;                             // an eventfd
+  auto_resources::ManagedFD connection_;                       // where no daemon was started
   std::unique_ptr<DaemonProcess> process_;  // after all that OnOutputLine touches, so that it goes first
   std::thread receiver_;
 };

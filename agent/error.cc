@@ -28,6 +28,8 @@ const char* ErrorName(ErrorCode code) noexcept {
       return "policy_refused";
     case ErrorCode::kSendFailed:
       return "send_failed";
+    case ErrorCode::kRelayFailed:
+      return "relay_failed";
   }
   return "unknown";
 }

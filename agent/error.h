@@ -19,6 +19,7 @@ enum class ErrorCode {
   kBadAnswer,           ///< the answer could not be parsed or is of another kind
   kPolicyRefused,       ///< the daemon refused the policy; its former one stays in force
   kSendFailed,          ///< the socket refused the packet, or the request is such that sending it would end the daemon
+  kRelayFailed,         ///< the relay has no answer from its daemon to give
 };
 
 /// "packet_too_large" and so on.

@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <system_error>
@@ -31,6 +32,7 @@ constexpr std::array<int, 3> kAskingSignals{SIGINT, SIGTERM, SIGHUP};
 // What the signal handler touches.
 std::atomic<int> first_signal{0};
 std::atomic<int> interrupt_fd{-1};
+std::atomic<bool> settled{false};
 static_assert(std::atomic<int>::is_always_lock_free);
 
 struct Watch {
@@ -39,6 +41,8 @@ struct Watch {
   Mutex mutex;
   std::vector<const AtInterrupt*> actions GUARDED_BY(mutex);
   const InterruptScope* scope GUARDED_BY(mutex) = nullptr;
+  const HangupScope* hangup GUARDED_BY(mutex) = nullptr;
+  sigset_t watched GUARDED_BY(mutex){};
 };
 
 // Never destroyed: the watching thread outlives main.
@@ -76,7 +80,17 @@ void OnBrokenPipe(int signal) {
   }
 }
 
-// Waits for a signal, at most `timeout` milliseconds; false when that has passed.
+// Whether a signal was for a HangupScope.
+bool TakeHangup(Watch& watch, int signal) {
+  const MutexLock lock(watch.mutex);
+  if (signal != SIGHUP || watch.hangup == nullptr) {
+    return false;
+  }
+  watch.hangup->Run();
+  return true;
+}
+
+// Waits for a signal that asks for the end, at most `timeout` milliseconds; false if none came.
 bool WaitForSignal(Watch& watch, int timeout, bool watch_pipe) {
   std::array<pollfd, 2> fds{pollfd{watch.signals.Get(), POLLIN, 0},
                             pollfd{watch_pipe ? watch.asked.Get() : -1, POLLIN, 0}};
@@ -84,10 +98,12 @@ bool WaitForSignal(Watch& watch, int timeout, bool watch_pipe) {
     return false;
   }
   signalfd_siginfo info{};
-  if (fds[0].revents != 0 && ::read(watch.signals.Get(), &info, sizeof info) == sizeof info) {
+  if (fds[0].revents != 0 && ::read(watch.signals.Get(), &info, sizeof info) == sizeof info &&
+      !TakeHangup(watch, static_cast<int>(info.ssi_signo))) {
     NoteSignal(static_cast<int>(info.ssi_signo));
+    return true;
   }
-  return fds[0].revents != 0 || fds[1].revents != 0;
+  return fds[1].revents != 0;
 }
 
 void WatchSignals() {
@@ -99,7 +115,11 @@ void WatchSignals() {
   if (watch.scope != nullptr) {
     watch.scope->Wake();
     watch.mutex.unlock();
-    WaitForSignal(watch, kInterruptPatience * 1000, false);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(kInterruptPatience);
+    auto left = std::chrono::milliseconds(std::chrono::seconds(kInterruptPatience));
+    while (left.count() > 0 && !WaitForSignal(watch, static_cast<int>(left.count()), false)) {
+      left = std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
+    }
     watch.mutex.lock();
   }
   // The lock is kept to the end: nobody gets beyond the destructor of an action that has been run.
@@ -116,18 +136,25 @@ void WatchInterrupts() {
 
   struct sigaction action {};
   sigset_t set;
+  sigset_t blocked;
   ::sigemptyset(&set);
+  ::sigemptyset(&blocked);
   for (const int signal : kAskingSignals) {
+    ::sigaddset(&blocked, signal);  // one that is ignored may be wanted later (HangupScope)
     if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
       ::sigaddset(&set, signal);
     }
   }
-  ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
   watch.signals.Reset(::signalfd(-1, &set, SFD_CLOEXEC));
   if (!watch.asked.IsValid() || !watch.signals.IsValid()) {
     throw std::system_error(errno, std::generic_category(), "watching for signals");
   }
 
+  {
+    const MutexLock lock(watch.mutex);
+    watch.watched = set;
+  }
   std::thread(&WatchSignals).detach();
   action = {};
   action.sa_handler = &OnBrokenPipe;
@@ -141,6 +168,10 @@ void WatchInterrupts() {
 int InterruptSignal() noexcept { return first_signal; }
 
 int InterruptStatus() noexcept { return 128 + first_signal; }
+
+void SettleInterrupt() noexcept { settled = true; }
+
+bool InterruptDecides() noexcept { return first_signal != 0 && !settled; }
 
 int InterruptFd() noexcept { return interrupt_fd; }
 
@@ -168,6 +199,22 @@ InterruptScope::~InterruptScope() {
   Watch& watch = TheWatch();
   const MutexLock lock(watch.mutex);
   watch.scope = nullptr;
+}
+
+HangupScope::HangupScope(std::function<void()> action) : action_(std::move(action)) {
+  Watch& watch = TheWatch();
+  const MutexLock lock(watch.mutex);
+  watch.hangup = this;
+  sigset_t set = watch.watched;
+  ::sigaddset(&set, SIGHUP);
+  ::signalfd(watch.signals.Get(), &set, SFD_CLOEXEC);
+}
+
+HangupScope::~HangupScope() {
+  Watch& watch = TheWatch();
+  const MutexLock lock(watch.mutex);
+  watch.hangup = nullptr;
+  ::signalfd(watch.signals.Get(), &watch.watched, SFD_CLOEXEC);
 }
 
 void InterruptScope::Wake() const {

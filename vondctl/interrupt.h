@@ -42,6 +42,13 @@ void WatchInterrupts();
 /// 128 + InterruptSignal(), the status by which a shell knows it.
 [[nodiscard]] int InterruptStatus() noexcept;
 
+/// The verb has wound up and its own exit status counts from now on, whatever signal came: for one that signals are
+/// the usual end of.
+void SettleInterrupt() noexcept;
+
+/// Whether the process is to end by InterruptSignal().
+[[nodiscard]] bool InterruptDecides() noexcept;
+
 /// A descriptor that is readable from the first signal on, and never read from; -1 before WatchInterrupts.
 [[nodiscard]] int InterruptFd() noexcept;
 
@@ -77,6 +84,21 @@ class InterruptScope {
 
  private:
   std::function<void()> wake_;
+};
+
+/// While one is there, SIGHUP ends nothing: `action` is called for each one, under the conditions of an AtInterrupt's
+/// action. Also where this process was started with SIGHUP ignored (nohup). One at a time.
+class HangupScope {
+ public:
+  explicit HangupScope(std::function<void()> action);
+  ~HangupScope();
+  HangupScope(const HangupScope&) = delete;
+  HangupScope& operator=(const HangupScope&) = delete;
+
+  void Run() const { action_(); }
+
+ private:
+  std::function<void()> action_;
 };
 
 }  // namespace vond::vondctl

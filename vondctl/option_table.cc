@@ -112,7 +112,7 @@ std::vector<std::string> WordsOf(const CLI::Option& option) {
 }
 
 bool TakesPath(const CLI::Option& option) {
-  constexpr std::array<std::string_view, 7> kPaths{"FILE", "DIR", "PATH", "RULES", "POLICY", "OLD", "NEW"};
+  constexpr std::array<std::string_view, 8> kPaths{"FILE", "DIR", "PATH", "RULES", "POLICY", "OLD", "NEW", "SOCKET"};
   const std::vector<std::string> names = SplitAtBars(ValueName(option));
   return std::any_of(names.begin(), names.end(), [&kPaths](const std::string& name) {
     return std::find(kPaths.begin(), kPaths.end(), name) != kPaths.end();

@@ -11,7 +11,8 @@ class Option;
 // Reads CLI11's table of verbs and options. Help, completion and the command line's own errors go by it, through here.
 //
 // By convention an option's type name says what it takes: words in lower case between bars are all there are
-// ("text|jsonl"), any of FILE, DIR, PATH, RULES, POLICY, OLD, NEW is a path, all else is a value of the user's own.
+// ("text|jsonl"), any of FILE, DIR, PATH, RULES, POLICY, OLD, NEW, SOCKET is a path, all else is a value of the user's
+// own.
 namespace vond::vondctl {
 
 inline constexpr const char* kCommonGroup = "Common options";

@@ -17,8 +17,11 @@
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <variant>
+#include <vector>
 
 #include "agent/client.h"
+#include "agent/relay_protocol.h"
 #include "utils/assertion.h"
 #include "utils/log.h"
 #include "vondctl/daemon_options.h"
@@ -41,35 +44,10 @@ using std::chrono::seconds;
 
 constexpr std::uint32_t kDefaultWorkers = 4;  // the daemon's, where the policy has no number
 constexpr seconds kPolicyDeadline{600};
+constexpr seconds kStatusTimeout{30};
+constexpr seconds kRelayDeadline{3600};  // others' files come in between, and the relay sees to a daemon that hangs
 
 void Complain(const std::string& text) { std::cerr << "vondctl: " << EscapeForTerminal(text) << '\n'; }
-
-std::uint32_t Processors() { return std::max(std::thread::hardware_concurrency(), 1U); }
-
-PolicySource MakePolicy(const ScanOptions& options) {
-  if (!options.policy.empty()) {
-    return PolicyFromFile(options.policy);
-  }
-  PolicySource policy;
-  const auto add = [&](const std::vector<std::string>& rules, RuleType rule_type) {
-    if (rules.empty()) {
-      return;
-    }
-    PolicySource part = PolicyFromRules(rules, options.timeout_in_seconds);
-    auto* const info = policy.document.add_rule_sets();
-    info->set_rule_type(rule_type);
-    info->set_fd_index(static_cast<std::int32_t>(policy.rule_set_fds.size()));
-    policy.rule_sets.push_back(std::move(part.rule_sets.front()));
-    policy.rule_sets.back().rule_type = rule_type;
-    policy.rule_set_fds.push_back(std::move(part.rule_set_fds.front()));
-  };
-  add(options.rules, static_pattern_matching_proto::Block);
-  add(options.allow_rules, static_pattern_matching_proto::Allow);
-  policy.document.set_yara_timeout_in_seconds(options.timeout_in_seconds);
-  policy.document.set_yara_retries_on_match(options.retries_on_match);
-  policy.document.set_max_number_of_threads(options.workers == 0 ? Processors() : options.workers);
-  return policy;
-}
 
 // The rule types that are asked for, each once; all that the policy has for the file type if none is named. Without one
 // of them, complains and returns nothing.
@@ -134,8 +112,9 @@ ScannerSettings MakeSettings(const PolicySource& policy, ScanRequest request, co
   const std::uint32_t threads = policy.document.max_number_of_threads();
   settings.workers = std::min(Processors(), threads == 0 ? kDefaultWorkers : threads);
   settings.timeout_in_seconds = policy.document.yara_timeout_in_seconds();
-  settings.deadline = options.deadline_in_seconds != 0 ? seconds(options.deadline_in_seconds)
-                                                       : DefaultDeadline(policy.document, request.rule_type_size());
+  const seconds deadline =
+      options.connect.empty() ? DefaultDeadline(policy.document, request.rule_type_size()) : kRelayDeadline;
+  settings.deadline = options.deadline_in_seconds != 0 ? seconds(options.deadline_in_seconds) : deadline;
   settings.max_errors = options.max_errors;
   settings.private_rules = options.private_rules;
   settings.request = std::move(request);
@@ -181,34 +160,84 @@ int ExitStatusFor(RunEnd end, const Reporter& reporter) {
   return reporter.AnyMatched() ? kMatched : kClean;
 }
 
-int ScanFiles(const ScanOptions& options, const CommonOptions& common, const PolicySource& policy,
-              ScanRequest request) {
-  Reporter reporter({common.format, options.all, common.quiet, common.verbosity == 0, options.count, options.meta,
-                     options.tags, UseColor(common.color, STDOUT_FILENO), options.report});
-  FileWalker walker = MakeWalker(options, policy, false);
-  RaiseDescriptorLimit();
+// Where a run gets its daemons from.
+struct DaemonSource {
+  std::unique_ptr<agent::Client> first;  // with the policy in force
+  Scanner::StartDaemon another;
+  std::vector<RuleSetCount> rule_sets;
+};
+
+// Daemons of our own; an exit status, once it has been said why, when there is none or it does not take the policy.
+std::variant<DaemonSource, int> StartDaemons(const ScanOptions& options, const CommonOptions& common,
+                                             const PolicySource& policy) {
   const agent::DaemonOptions daemon = DaemonOptionsFor(options.executable, common);
-  auto client = std::make_unique<agent::Client>(daemon);
+  DaemonSource source;
+  source.first = std::make_unique<agent::Client>(daemon);
   PolicyJudgement judgement;
   {
-    const AtInterrupt end_daemon([&client] { EndDaemon(*client); });
-    if (const auto status = InstallPolicy(*client, policy, DaemonLogLevel(common), judgement, common)) {
+    const AtInterrupt end_daemon([&source] { EndDaemon(*source.first); });
+    if (const auto status = InstallPolicy(*source.first, policy, DaemonLogLevel(common), judgement, common)) {
       return *status;
     }
   }
-  const auto start_daemon = [&] {
+  source.rule_sets = std::move(judgement.rule_sets);
+  source.another = [daemon, &policy, &common] {
     auto another = std::make_unique<agent::Client>(daemon);
     const AtInterrupt end_daemon([&another] { EndDaemon(*another); });
     another->ApplyPolicy(policy.ForAgent(DaemonLogLevel(common)), kPolicyDeadline);
     return another;
   };
-  Scanner scanner(std::move(client), start_daemon, MakeSettings(policy, std::move(request), options), reporter);
+  return source;
+}
+
+DaemonSource ConnectDaemon(const std::string& socket, const vond_relay::Policy& policy) {
+  DaemonSource source;
+  source.another = [socket] { return std::make_unique<agent::Client>(agent::ConnectToRelay(socket)); };
+  source.first = source.another();
+  for (const vond_relay::RuleSet& rule_set : policy.rule_sets()) {
+    if (rule_set.has_rules()) {
+      source.rule_sets.push_back({rule_set.file_type(), static_cast<RuleType>(rule_set.rule_type()), rule_set.rules()});
+    }
+  }
+  return source;
+}
+
+// A relay's policy, as far as a scan needs it.
+PolicySource PolicyBehind(const vond_relay::Policy& policy) {
+  PolicySource source;
+  for (const vond_relay::RuleSet& rule_set : policy.rule_sets()) {
+    auto* const info = source.document.add_rule_sets();
+    info->set_file_type(rule_set.file_type());
+    info->set_rule_type(static_cast<RuleType>(rule_set.rule_type()));
+  }
+  source.document.set_max_sample_size(policy.max_sample_size());
+  source.document.set_max_number_of_threads(policy.max_number_of_threads());
+  source.document.set_yara_timeout_in_seconds(policy.yara_timeout_in_seconds());
+  source.document.set_yara_retries_on_match(policy.yara_retries_on_match());
+  return source;
+}
+
+// `relay`: the policy behind the relay that is asked for, if one is.
+int ScanFiles(const ScanOptions& options, const CommonOptions& common, const PolicySource& policy, ScanRequest request,
+              const vond_relay::Policy* relay) {
+  Reporter reporter({common.format, options.all, common.quiet, common.verbosity == 0, options.count, options.meta,
+                     options.tags, UseColor(common.color, STDOUT_FILENO), options.report});
+  FileWalker walker = MakeWalker(options, policy, false);
+  RaiseDescriptorLimit();
+  std::variant<DaemonSource, int> daemons =
+      relay != nullptr ? ConnectDaemon(options.connect, *relay) : StartDaemons(options, common, policy);
+  if (const int* const status = std::get_if<int>(&daemons)) {
+    return *status;
+  }
+  DaemonSource& source = std::get<DaemonSource>(daemons);
+  Scanner scanner(std::move(source.first), std::move(source.another), MakeSettings(policy, std::move(request), options),
+                  reporter);
   std::optional<TotalCounter> total;
   if (reporter.ShowsProgress() && IsCountable(options)) {
     total.emplace(MakeWalker(options, policy, true));
     reporter.UseTotal(&*total);
   }
-  reporter.Policy(judgement.rule_sets);
+  reporter.Policy(source.rule_sets);
   RunSummary summary = scanner.Run(walker);
   summary.exit_status = ExitStatusFor(summary.end, reporter);
   if (!reporter.Summary(summary)) {
@@ -222,9 +251,15 @@ int RunScan(const ScanOptions& options, const CommonOptions& common) {
   korvo::utils::SetLogLevel(0);
   korvo::utils::EnableAssertionLines(false);
   try {
-    const PolicySource policy = MakePolicy(options);
+    std::optional<vond_relay::Policy> relay;
+    if (!options.connect.empty()) {
+      agent::Client client(agent::ConnectToRelay(options.connect));
+      relay = agent::AskForStatus(client, kStatusTimeout).policy();
+    }
+    const PolicySource policy = relay ? PolicyBehind(*relay) : MakePolicy(options);
     std::optional<ScanRequest> request = MakeRequest(policy, options);
-    return request ? ScanFiles(options, common, policy, std::move(*request)) : static_cast<int>(kUsage);
+    return request ? ScanFiles(options, common, policy, std::move(*request), relay ? &*relay : nullptr)
+                   : static_cast<int>(kUsage);
   } catch (const PolicyError& e) {
     WriteRefusal(e.Problems(), 0, common);
     return kPolicyRefused;

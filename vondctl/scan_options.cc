@@ -14,6 +14,7 @@ constexpr const char* kFooter = R"(Examples:
   vondctl scan -p policy.json --format jsonl /srv > results.jsonl
   find . -newer stamp -type f -print0 | vondctl scan -r rules/ -0 --files-from -
   curl -s https://example.org/x | vondctl scan -r rules/ -
+  vondctl scan --connect /run/vond.sock /srv
 
 Folders are walked to any depth, also those that --files-from lists. In them only regular files
 count; links are not followed, and the kernel's own file systems, such as /proc, are not entered
@@ -25,7 +26,7 @@ kept in memory, at most 1G of it unless --max-size says otherwise.
 Each file ends as match, clean, timeout, skipped, error or changed (its size or times moved
 meanwhile); only match and clean were scanned. vondctl opens the files with its user's rights; the
 daemon never sees a path. A daemon that dies or hangs is replaced, and the files it had are tried
-once more. With --format jsonl a policy comes first, then the files, then a summary.
+once more. With --connect that is the relay's affair, and the policy its owner's. With --format jsonl a policy comes first, then the files, then a summary.
 
 Exit status: 0 nothing matched, 1 something matched, 2 something was not scanned (whatever matched),
 3 the policy was refused, 4 the daemon failed, 64 wrong usage, 130 after Ctrl-C.
@@ -69,28 +70,7 @@ CLI::Option* AddList(CLI::App& app, const char* names, std::vector<std::string>&
   return app.add_option(names, values, description)->allow_extra_args(false);
 }
 
-void AddPolicyOptions(CLI::App& app, ScanOptions& options) {
-  auto* const rules = AddList(app, "-r,--rules", options.rules,
-                              "Block rules: a rule file, or a folder of *.yar and *.yara files; may be repeated");
-  auto* const policy =
-      app.add_option("-p,--policy", options.policy, "Policy file: the daemon's JSON with a \"path\" per rule set");
-  policy->type_name("FILE")->group("Policy");
-  const auto add_for_rules = [policy](CLI::Option* option, const char* type) {
-    policy->excludes(option);
-    option->group("Policy")->type_name(type);
-  };
-  add_for_rules(rules, "FILE|DIR");
-  add_for_rules(AddList(app, "--allow-rules", options.allow_rules, "Allow rules, likewise"), "FILE|DIR");
-  add_for_rules(app.add_option("-j,--jobs", options.workers,
-                               "Files scanned at once with --rules (default and most: one per processor)")
-                    ->check(CLI::Validator(CheckPositive, "", "")),
-                "N");
-  add_for_rules(app.add_option("--timeout", options.timeout_in_seconds,
-                               "Seconds per scan with --rules (default 30, 0 is no limit); a policy file has its own"),
-                "SECONDS");
-  add_for_rules(app.add_option("--confirm", options.retries_on_match,
-                               "With --rules: a match counts once N more scans of the file have matched (default 0)"),
-                "N");
+void AddSelectionOptions(CLI::App& app, ScanOptions& options) {
   app.add_option("--file-type", options.file_type, "File type whose rule sets are used (default 0)")
       ->type_name("N")
       ->group("Policy");
@@ -144,7 +124,15 @@ void AddRunOptions(CLI::App& app, ScanOptions& options) {
       ->check(CLI::Validator(CheckPositive, "", ""))
       ->type_name("SECONDS")
       ->group("Run");
-  app.add_option("--vond", options.executable, "Path of the daemon's program")->type_name("FILE")->group("Run");
+  auto* const vond = app.add_option("--vond", options.executable, "Path of the daemon's program");
+  vond->type_name("FILE")->group("Run");
+  auto* const connect =
+      app.add_option("--connect", options.connect,
+                     "Scan with the daemon of the \"vondctl start\" that listens at SOCKET, and its policy");
+  connect->type_name("SOCKET")->group("Run")->excludes(vond);
+  for (const char* const name : {"--policy", "--rules", "--allow-rules", "--jobs", "--timeout", "--confirm"}) {
+    connect->excludes(app.get_option(name));
+  }
 }
 
 void AddResultOptions(CLI::App& app, ScanOptions& options) {
@@ -164,8 +152,8 @@ void Complete(Parsed& parsed) {
   if (options.paths.empty() && options.files_from.empty()) {
     throw CLI::RequiredError("PATH");
   }
-  if (options.rules.empty() && options.allow_rules.empty() && options.policy.empty()) {
-    throw CLI::RequiredError("--rules or --policy");
+  if (options.connect.empty()) {
+    RequirePolicy(options);
   }
   const auto from_stdin = std::count(options.paths.begin(), options.paths.end(), "-");
   if (from_stdin + (options.files_from == "-" ? 1 : 0) > 1) {
@@ -216,6 +204,7 @@ std::optional<std::uint64_t> ParseSize(const std::string& text) {
 std::shared_ptr<const ScanOptions> AddScanOptions(CLI::App& app) {
   const auto parsed = std::make_shared<Parsed>();
   AddPolicyOptions(app, parsed->options);
+  AddSelectionOptions(app, parsed->options);
   AddFileOptions(app, *parsed);
   AddRunOptions(app, parsed->options);
   AddResultOptions(app, parsed->options);

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "vondctl/policy_options.h"
+
 namespace CLI {
 class App;
 }
@@ -15,14 +17,8 @@ class App;
 namespace vond::vondctl {
 
 /// What `vondctl scan` was asked for.
-struct ScanOptions {
-  // The policy: a file, or made of rules.
-  std::string policy;
-  std::vector<std::string> rules;        ///< block rules: files and folders
-  std::vector<std::string> allow_rules;  ///< allow rules
-  std::uint32_t workers = 0;             ///< 0: one per processor
-  std::uint32_t timeout_in_seconds = 30;
-  std::uint32_t retries_on_match = 0;
+struct ScanOptions : PolicyOptions {
+  // What of the policy.
   std::int32_t file_type = 0;
   std::vector<std::string> rule_types;  ///< "block", "allow"; empty: all that the policy has
 
@@ -40,6 +36,7 @@ struct ScanOptions {
   // The run.
   std::uint64_t max_errors = 0;           ///< 0: no bound
   std::uint32_t deadline_in_seconds = 0;  ///< for the answer to a scan that runs; 0: follows from the time-outs
+  std::string connect;                    ///< the socket of a relay; empty: a daemon of our own
   std::string executable;                 ///< of vond; empty: the one that belongs to this vondctl
 
   // The results.

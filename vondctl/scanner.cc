@@ -18,7 +18,6 @@ namespace {
 
 using korvo::utils::MutexLock;
 using static_pattern_matching_proto::ScanResponse;
-using static_pattern_matching_proto::UserConfigData;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
@@ -30,9 +29,6 @@ constexpr std::size_t kOtherDescriptors = 24;
 constexpr milliseconds kTick{100};
 constexpr milliseconds kShortWait{20};  // for a descriptor or another path
 constexpr int kMaxDeathsInARow = 20;
-constexpr seconds kDeadlineSlack{60};
-constexpr seconds kNoTimeoutDeadline{3600};  // where the policy has no time-out
-constexpr seconds kLongestDeadline{2'592'000};
 constexpr milliseconds kLogLag{200};  // of a log line behind the answer that it belongs to
 constexpr const char* kScanErrorLine = "ERROR ScanFile failed with error: ";
 
@@ -67,17 +63,6 @@ std::size_t RaiseDescriptorLimit() {
     }
   }
   return static_cast<std::size_t>(limit.rlim_cur);
-}
-
-seconds DefaultDeadline(const UserConfigData& policy, int rule_types) {
-  const std::uint64_t timeout = policy.yara_timeout_in_seconds();
-  if (timeout == 0) {
-    return kNoTimeoutDeadline;
-  }
-  const std::uint64_t scans =
-      static_cast<std::uint64_t>(rule_types) * (std::uint64_t{policy.yara_retries_on_match()} + 1);
-  const auto longest = static_cast<std::uint64_t>(kLongestDeadline.count());
-  return seconds(std::min(timeout * std::min(scans, longest), longest)) + kDeadlineSlack;
 }
 
 void Scanner::FinishedQueue::Push(Finished finished) {
@@ -240,7 +225,7 @@ void Scanner::KillIfOverdue() {
     }
   }
   if (hung) {
-    client_->Process().Kill(SIGKILL);
+    client_->Abandon();
     client_.reset();  // every file's end comes with that, even where the system can't end the process yet
     death_ = "vond did not answer in time and was killed";
   }
@@ -355,13 +340,16 @@ void Scanner::JudgeResponse(const ScanResponse& response, FileReport& report) {
 }
 
 std::string Scanner::LastScanError() {
+  if (client_ != nullptr && client_->IsConnection()) {
+    return "not here; \"vondctl start -v\" shows it";
+  }
   // The line was written before the answer, but comes by another way.
   const auto until = steady_clock::now() + kLogLag;
   while (true) {
     if (client_ == nullptr) {
       return "nothing";
     }
-    const std::vector<std::string> log = client_->Process().RecentOutput(agent::OutputStream::kStdout);
+    const std::vector<std::string> log = client_->RecentLog();
     const auto line = std::find_if(log.rbegin(), log.rend(),
                                    [](const std::string& text) { return text.starts_with(kScanErrorLine); });
     if (line != log.rend() || steady_clock::now() > until) {

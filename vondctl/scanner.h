@@ -12,11 +12,14 @@
 #include <vector>
 
 #include "agent/client.h"
+#include "agent/held_policy.h"
 #include "utils/mutex.h"
 #include "vondctl/file_walker.h"
 #include "vondctl/report.h"
 
 namespace vond::vondctl {
+
+using agent::DefaultDeadline;
 
 struct ScannerSettings {
   static_pattern_matching_proto::ScanRequest request;  ///< the same for each file
@@ -26,11 +29,6 @@ struct ScannerSettings {
   std::uint64_t max_errors = 0;                        ///< 0: no bound
   bool private_rules = false;                          ///< count as matches
 };
-
-/// How long the scan of one file may take until the daemon counts as hung: what its time-outs add up to, and more,
-/// since the engine looks at its clock only now and then.
-[[nodiscard]] std::chrono::seconds DefaultDeadline(const static_pattern_matching_proto::UserConfigData& policy,
-                                                   int rule_types);
 
 /// Gets this process, and the daemons that it starts from now on, enough descriptors for a full window of files, if the
 /// system allows that. Returns how many it may have.

@@ -8,6 +8,8 @@
 #include "vondctl/pack_command.h"
 #include "vondctl/policy_command.h"
 #include "vondctl/scan_command.h"
+#include "vondctl/start_command.h"
+#include "vondctl/status_command.h"
 #include "vondctl/unpack_command.h"
 #include "vondctl/verb.h"
 
@@ -16,6 +18,8 @@ namespace vond::vondctl {
 const std::vector<Verb>& Verbs() {
   static const std::vector<Verb> verbs{
       {"scan", "Start a private daemon and scan files and folders with it", &AddScanCommand},
+      {"start", "Keep a daemon alive and relay the scans of others to it", &AddStartCommand},
+      {"status", "Show what a running \"vondctl start\" does", &AddStatusCommand},
       {"check", "Tell what the daemon would say of rule files, and what it would not", &AddCheckCommand},
       {"explain", "Explain the code of a problem", &AddExplainCommand},
       {"policy", "Check a policy file, or show what a scan with it would send", &AddPolicyCommand},

@@ -47,6 +47,10 @@ DAMAGES = [
     ("check", lambda o: o.update(accepted="yes")),
     ("code", lambda o: o.pop("explanation")),
     ("policy_document", lambda o: o["overrides"][0].update(value=[5])),
+    ("status", lambda o: o.pop("restarts")),
+    ("status", lambda o: o["policy"].update(sha256="?")),
+    ("status", lambda o: o["scans"].update(clean=-1)),
+    ("status", lambda o: o["rules"][0].update(hits=0)),
 ]
 
 schema_path, vondctl = map(os.path.abspath, sys.argv[1:])
@@ -79,6 +83,19 @@ with tempfile.TemporaryDirectory() as folder:
     pathlib.Path("o.json").write_text(
         '{"yara_timeout_in_seconds":1,"rule_sets":[{"path":"g.yar"}],"rule_overrides":[{"rule_id":"g","item":'
         '{"key":"score","value":{"int_value":5}}}]}')
+    relay = subprocess.Popen([vondctl, "start", "-q", "--listen", "s", "--rules", "r.yar"], stderr=subprocess.DEVNULL)
+    try:
+        ran = subprocess.run([vondctl, "status", "--connect", "s", "--wait", "60"], capture_output=True, timeout=100)
+        check(ran.returncode == 0, f"start: {ran.stderr.decode()}")
+        subprocess.run([vondctl, "scan", "-q", "--connect", "s", "t/1"], stdout=subprocess.DEVNULL, timeout=100)
+        ran = subprocess.run([vondctl, "status", "--connect", "s", "--json"], capture_output=True, timeout=100)
+        check(ran.returncode == 0, f"status: {ran.stderr.decode()}")
+        seen["status"] = json.loads(ran.stdout)
+        check_valid(seen["status"])
+        check(seen["status"]["rules"] != [], f"status: {ran.stdout.decode()}")
+    finally:
+        relay.terminate()
+        check(relay.wait(60) == 0, "start: exit status")
     for arguments, status, types in COMMANDS:
         command = [vondctl, *arguments.split(), "--format", "jsonl"]
         ran = subprocess.run(command, capture_output=True, timeout=100)
