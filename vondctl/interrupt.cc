@@ -31,6 +31,7 @@ constexpr std::array<int, 3> kAskingSignals{SIGINT, SIGTERM, SIGHUP};
 // What the signal handler touches.
 std::atomic<int> first_signal{0};
 std::atomic<int> interrupt_fd{-1};
+std::atomic<bool> accepted{false};
 static_assert(std::atomic<int>::is_always_lock_free);
 
 struct Watch {
@@ -139,6 +140,10 @@ void WatchInterrupts() {
 }
 
 int InterruptSignal() noexcept { return first_signal; }
+
+void AcceptInterrupt() noexcept { accepted = true; }
+
+bool InterruptIsAccepted() noexcept { return accepted; }
 
 int InterruptStatus() noexcept { return 128 + first_signal; }
 

@@ -39,6 +39,12 @@ void WatchInterrupts();
 /// The first signal that came, 0 while there was none. Any thread.
 [[nodiscard]] int InterruptSignal() noexcept;
 
+/// Says that the signal was the ordinary end of the verb, which has wound up: its own exit status counts then.
+void AcceptInterrupt() noexcept;
+
+/// Whether AcceptInterrupt has been called.
+[[nodiscard]] bool InterruptIsAccepted() noexcept;
+
 /// 128 + InterruptSignal(), the status by which a shell knows it.
 [[nodiscard]] int InterruptStatus() noexcept;
 

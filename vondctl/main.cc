@@ -97,7 +97,7 @@ int Run(const std::vector<std::string>& arguments) {
 int Finish(int status) {
   errno = 0;
   std::cout.flush();
-  if (InterruptSignal() != 0) {
+  if (InterruptSignal() != 0 && !InterruptIsAccepted()) {
     EndBySignal();
   }
   if (!std::cout && status < kNotScanned) {

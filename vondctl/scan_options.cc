@@ -103,6 +103,19 @@ void AddPolicyOptions(CLI::App& app, ScanOptions& options) {
       ->group("Policy");
 }
 
+void AddSelection(CLI::App& app, Parsed& parsed) {
+  AddList(app, "--include", parsed.options.include, "Only files that match GLOB; may be repeated")
+      ->type_name("GLOB")
+      ->group("Files");
+  AddList(app, "--exclude", parsed.options.exclude, "Neither files nor folders that match GLOB; may be repeated")
+      ->type_name("GLOB")
+      ->group("Files");
+  app.add_option("--max-size", parsed.max_size, "Skip larger files; with K, M or G behind it for larger units")
+      ->check(CLI::Validator(CheckSize, "", ""))
+      ->type_name("SIZE")
+      ->group("Files");
+}
+
 void AddFileOptions(CLI::App& app, Parsed& parsed) {
   ScanOptions& options = parsed.options;
   app.add_option("PATH", options.paths, "Files and folders to scan; - is standard input")->type_name("");
@@ -118,16 +131,7 @@ void AddFileOptions(CLI::App& app, Parsed& parsed) {
       ->check(CLI::Validator(CheckDepth, "", ""))
       ->type_name("N")
       ->group("Files");
-  AddList(app, "--include", options.include, "Only files that match GLOB; may be repeated")
-      ->type_name("GLOB")
-      ->group("Files");
-  AddList(app, "--exclude", options.exclude, "Neither files nor folders that match GLOB; may be repeated")
-      ->type_name("GLOB")
-      ->group("Files");
-  app.add_option("--max-size", parsed.max_size, "Skip larger files; with K, M or G behind it for larger units")
-      ->check(CLI::Validator(CheckSize, "", ""))
-      ->type_name("SIZE")
-      ->group("Files");
+  AddSelection(app, parsed);
   app.add_flag("--one-file-system", options.one_file_system, "Stay on the file system of each PATH")->group("Files");
   app.add_flag("--follow", options.follow, "Follow symbolic links in folders; each folder is entered once")
       ->group("Files");
@@ -158,15 +162,19 @@ void AddResultOptions(CLI::App& app, ScanOptions& options) {
       ->group("Results");
 }
 
+void RequireRules(const ScanOptions& options) {
+  if (options.rules.empty() && options.allow_rules.empty() && options.policy.empty()) {
+    throw CLI::RequiredError("--rules or --policy");
+  }
+}
+
 // What parsing alone does not see.
 void Complete(Parsed& parsed) {
   ScanOptions& options = parsed.options;
   if (options.paths.empty() && options.files_from.empty()) {
     throw CLI::RequiredError("PATH");
   }
-  if (options.rules.empty() && options.allow_rules.empty() && options.policy.empty()) {
-    throw CLI::RequiredError("--rules or --policy");
-  }
+  RequireRules(options);
   const auto from_stdin = std::count(options.paths.begin(), options.paths.end(), "-");
   if (from_stdin + (options.files_from == "-" ? 1 : 0) > 1) {
     throw CLI::ValidationError("-", "standard input can be read only once");
@@ -221,6 +229,23 @@ std::shared_ptr<const ScanOptions> AddScanOptions(CLI::App& app) {
   AddResultOptions(app, parsed->options);
   app.footer(kFooter);
   app.parse_complete_callback([parsed] { Complete(*parsed); });
+  return {parsed, &parsed->options};
+}
+
+std::shared_ptr<const ScanOptions> AddScanOptionsForWatch(CLI::App& app, std::function<void()> complete) {
+  const auto parsed = std::make_shared<Parsed>();
+  AddPolicyOptions(app, parsed->options);
+  app.add_option("PATH", parsed->options.paths, "Folders to watch, with all that is below them")
+      ->required()
+      ->type_name("");
+  AddSelection(app, *parsed);
+  AddRunOptions(app, parsed->options);
+  AddResultOptions(app, parsed->options);
+  app.parse_complete_callback([parsed, complete = std::move(complete)] {
+    RequireRules(parsed->options);
+    parsed->options.max_size = ParseSize(parsed->max_size).value_or(0);
+    complete();
+  });
   return {parsed, &parsed->options};
 }
 

@@ -10,12 +10,14 @@
 #include "vondctl/scan_command.h"
 #include "vondctl/unpack_command.h"
 #include "vondctl/verb.h"
+#include "vondctl/watch_command.h"
 
 namespace vond::vondctl {
 
 const std::vector<Verb>& Verbs() {
   static const std::vector<Verb> verbs{
       {"scan", "Start a private daemon and scan files and folders with it", &AddScanCommand},
+      {"watch", "Scan files as they are closed after writing", &AddWatchCommand},
       {"check", "Tell what the daemon would say of rule files, and what it would not", &AddCheckCommand},
       {"explain", "Explain the code of a problem", &AddExplainCommand},
       {"policy", "Check a policy file, or show what a scan with it would send", &AddPolicyCommand},
