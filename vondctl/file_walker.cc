@@ -68,35 +68,9 @@ const char* KindOf(mode_t mode) {
   }
 }
 
-bool IsOfKernel(int fd) {
-  struct statfs filesystem {};
-  return ::fstatfs(fd, &filesystem) == 0 &&
-         std::find(kKernelFileSystems.begin(), kKernelFileSystems.end(),
-                   static_cast<std::uint64_t>(filesystem.f_type)) != kKernelFileSystems.end();
-}
-
 bool IsOfProc(int fd) {
   struct statfs filesystem {};
   return ::fstatfs(fd, &filesystem) == 0 && filesystem.f_type == PROC_SUPER_MAGIC;
-}
-
-// A glob without a slash is for the last part of the path, one with a slash for all of it or its end.
-bool MatchesAny(const std::vector<std::string>& globs, const std::string& path) {
-  std::string_view trimmed = path;
-  while (trimmed.size() > 1 && trimmed.ends_with('/')) {
-    trimmed.remove_suffix(1);
-  }
-  const std::string whole(trimmed);
-  const std::string name(trimmed.substr(trimmed.rfind('/') + 1));  // npos + 1 is 0
-  return std::any_of(globs.begin(), globs.end(), [&](std::string glob) {
-    while (glob.size() > 1 && glob.ends_with('/')) {
-      glob.pop_back();
-    }
-    if (glob.find('/') == std::string::npos) {
-      return ::fnmatch(glob.c_str(), name.c_str(), 0) == 0;
-    }
-    return ::fnmatch(glob.c_str(), whole.c_str(), 0) == 0 || ::fnmatch(("*/" + glob).c_str(), whole.c_str(), 0) == 0;
-  });
 }
 
 WalkedFile TooLarge(const std::string& path, const struct stat& status, const WalkOptions& options) {
@@ -171,6 +145,51 @@ WalkedFile OpenStandardInput(const WalkOptions& options) {
 }
 
 }  // namespace
+
+bool MatchesAny(const std::vector<std::string>& globs, const std::string& path) {
+  std::string_view trimmed = path;
+  while (trimmed.size() > 1 && trimmed.ends_with('/')) {
+    trimmed.remove_suffix(1);
+  }
+  const std::string whole(trimmed);
+  const std::string name(trimmed.substr(trimmed.rfind('/') + 1));  // npos + 1 is 0
+  return std::any_of(globs.begin(), globs.end(), [&](std::string glob) {
+    while (glob.size() > 1 && glob.ends_with('/')) {
+      glob.pop_back();
+    }
+    if (glob.find('/') == std::string::npos) {
+      return ::fnmatch(glob.c_str(), name.c_str(), 0) == 0;
+    }
+    return ::fnmatch(glob.c_str(), whole.c_str(), 0) == 0 || ::fnmatch(("*/" + glob).c_str(), whole.c_str(), 0) == 0;
+  });
+}
+
+bool IsOfKernel(int fd) {
+  struct statfs filesystem {};
+  return ::fstatfs(fd, &filesystem) == 0 &&
+         std::find(kKernelFileSystems.begin(), kKernelFileSystems.end(),
+                   static_cast<std::uint64_t>(filesystem.f_type)) != kKernelFileSystems.end();
+}
+
+WalkedFile LookAtOpened(const std::string& path, ManagedFD fd, const WalkOptions& options) {
+  WalkedFile file;
+  file.path = path;
+  file.fd = std::move(fd);
+  if (::fstat(file.fd.Get(), &file.status) != 0) {
+    return Failed(path, errno);
+  }
+  if (!S_ISREG(file.status.st_mode)) {
+    return Unopened(path, WalkedFile::State::kSkipped, KindOf(file.status.st_mode));
+  }
+  if (options.max_size != 0 && static_cast<std::uint64_t>(file.status.st_size) > options.max_size) {
+    return TooLarge(path, file.status, options);
+  }
+  return file;
+}
+
+WalkedFile FailedToOpen(const std::string& path, int error) { return Failed(path, error); }
+
+WalkedFile NoFileYet() { return Unopened("", WalkedFile::State::kWait, ""); }
 
 FileWalker::FileWalker(const std::vector<std::string>& paths, std::optional<PathList> list, WalkOptions options)
     : options_(std::move(options)), list_(std::move(list)) {

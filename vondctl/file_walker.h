@@ -32,6 +32,25 @@ struct WalkedFile {
   std::string reason;     ///< why it is not open
 };
 
+/// Where the files to be scanned come from. One thread.
+class FileSource {
+ public:
+  FileSource() = default;
+  FileSource(const FileSource&) = delete;
+  FileSource& operator=(const FileSource&) = delete;
+  FileSource(FileSource&&) = default;
+  FileSource& operator=(FileSource&&) = default;
+  virtual ~FileSource() = default;
+
+  /// The next file, or nothing at the end. While no file is with the daemon (`idle`) it may wait for one, a second or
+  /// so.
+  [[nodiscard]] virtual std::optional<WalkedFile> NextFile(bool idle) = 0;
+  /// How many things were passed over because they are no files.
+  [[nodiscard]] virtual std::uint64_t LeftOut() const noexcept = 0;
+  /// Called again and again while files are scanned.
+  virtual void Tick() {}
+};
+
 struct WalkOptions {
   std::size_t max_depth = std::numeric_limits<std::size_t>::max();  ///< of folders below a named one
   std::vector<std::string> include;                                 ///< globs that a file must match one of, if any
@@ -43,23 +62,41 @@ struct WalkOptions {
   bool only_look = false;      ///< files are not opened; they come out as kOpen all the same
 };
 
+/// Whether one of the globs is that of `path`. A glob without a slash is for the last part of the path, one with a
+/// slash for all of it or its end.
+[[nodiscard]] bool MatchesAny(const std::vector<std::string>& globs, const std::string& path);
+
+/// What has just been opened as `path`: kOpen, or kSkipped for what is no regular file or too large, or kFailed.
+[[nodiscard]] WalkedFile LookAtOpened(const std::string& path, auto_resources::ManagedFD fd,
+                                      const WalkOptions& options);
+
+/// kFailed for `path`, with the reason in words.
+[[nodiscard]] WalkedFile FailedToOpen(const std::string& path, int error);
+
+/// kWait.
+[[nodiscard]] WalkedFile NoFileYet();
+
+/// Whether what `fd` stands for is on one of the kernel's own file systems.
+[[nodiscard]] bool IsOfKernel(int fd);
+
 /// Goes through files and trees one file at a time, names within a folder in byte order. Paths named by the user are
 /// followed if they are symbolic links; inside trees only regular files count, links are followed only if asked, and
 /// each folder is then entered once, so a loop ends. A file system of the kernel's own (/proc and such) is entered only
 /// if named. Files are opened without blocking, so no device or FIFO can stall it; "-", standard input, is read whole
 /// into a memfd unless it is a file. What can't be read comes out as kFailed, never in silence; running out of
 /// descriptors is no failure, but kWait. One thread.
-class FileWalker {
+class FileWalker : public FileSource {
  public:
   /// Goes through `paths`, then through what `list` has, if there is one.
   FileWalker(const std::vector<std::string>& paths, std::optional<PathList> list, WalkOptions options);
 
   /// The next file, or nothing at the end.
   [[nodiscard]] std::optional<WalkedFile> Next();
+  [[nodiscard]] std::optional<WalkedFile> NextFile(bool /*idle*/) override { return Next(); }
 
   /// How many things inside trees were passed over because they are no files: links, pipes, sockets, devices, folders
   /// of the kernel or of another file system.
-  [[nodiscard]] std::uint64_t LeftOut() const noexcept { return left_out_; }
+  [[nodiscard]] std::uint64_t LeftOut() const noexcept override { return left_out_; }
 
  private:
   struct Entry {

@@ -124,6 +124,22 @@ std::string Plural(std::uint64_t count, const char* word) {
   return fmt::format("{} {}{}", count, word, count == 1 ? "" : "s");
 }
 
+std::string WatchAsText(const WatchSummary& watch) {
+  std::string text;
+  if (watch.gone > 0) {
+    text += fmt::format("{} gone before {} could be opened\n",
+                        watch.gone == 1 ? "1 file was" : fmt::format("{} files were", watch.gone),
+                        watch.gone == 1 ? "it" : "they");
+  }
+  if (watch.commands + watch.commands_failed > 0) {
+    text += fmt::format("{} started, {} failed\n", Plural(watch.commands, "command"), watch.commands_failed);
+  }
+  if (watch.lost > 0) {
+    text += fmt::format("events were lost {}: files may not have been scanned\n", Plural(watch.lost, "time"));
+  }
+  return text;
+}
+
 }  // namespace
 
 Reporter::Reporter(Options options)
@@ -186,6 +202,12 @@ void Reporter::File(const FileReport& file) {
   }
   if (report_file_ || options_.format == Format::kJsonLines) {
     WriteJson(FileJson(file), show);
+  }
+  if (options_.live) {
+    std::cout.flush();
+  }
+  if (options_.on_match && !file.matches.empty()) {
+    options_.on_match(JsonLine(FileJson(file)));
   }
 }
 
@@ -271,21 +293,29 @@ ordered_json Reporter::SummaryJson(const RunSummary& summary, double seconds) co
     entry["seconds"] = Rounded(Seconds(slow.time));
     slowest.push_back(entry);
   }
-  return {{"type", "summary"},
-          {"files", Files()},
-          {"match", Count(Outcome::kMatch)},
-          {"clean", Count(Outcome::kClean)},
-          {"timeout", Count(Outcome::kTimeout)},
-          {"skipped", Count(Outcome::kSkipped)},
-          {"error", Count(Outcome::kError)},
-          {"changed", Count(Outcome::kChanged)},
-          {"bytes", bytes_},
-          {"seconds", Rounded(seconds)},
-          {"slowest", slowest},
-          {"left_out", summary.left_out},
-          {"restarts", summary.restarts},
-          {"end", EndName(summary.end)},
-          {"exit", summary.exit_status}};
+  ordered_json json{{"type", "summary"},
+                    {"files", Files()},
+                    {"match", Count(Outcome::kMatch)},
+                    {"clean", Count(Outcome::kClean)},
+                    {"timeout", Count(Outcome::kTimeout)},
+                    {"skipped", Count(Outcome::kSkipped)},
+                    {"error", Count(Outcome::kError)},
+                    {"changed", Count(Outcome::kChanged)},
+                    {"bytes", bytes_},
+                    {"seconds", Rounded(seconds)},
+                    {"slowest", slowest},
+                    {"left_out", summary.left_out},
+                    {"restarts", summary.restarts},
+                    {"end", EndName(summary.end)},
+                    {"exit", summary.exit_status}};
+  if (summary.watch) {
+    json["watch"] = {{"watcher", summary.watch->watcher},
+                     {"lost", summary.watch->lost},
+                     {"gone", summary.watch->gone},
+                     {"commands", summary.watch->commands},
+                     {"commands_failed", summary.watch->commands_failed}};
+  }
+  return json;
 }
 
 void Reporter::SummaryAsText(const RunSummary& summary, double seconds) const {
@@ -305,6 +335,9 @@ void Reporter::SummaryAsText(const RunSummary& summary, double seconds) const {
   }
   if (summary.restarts > 0) {
     text += fmt::format("vond had to be started again {}\n", Plural(summary.restarts, "time"));
+  }
+  if (summary.watch) {
+    text += WatchAsText(*summary.watch);
   }
   switch (summary.end) {
     case RunEnd::kComplete:

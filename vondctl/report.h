@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
@@ -47,11 +48,21 @@ enum class RunEnd {
   kOutputFailed,  ///< the results could not be written
 };
 
+/// What a watch has to tell besides.
+struct WatchSummary {
+  std::string watcher;                ///< "fanotify" or "inotify"
+  std::uint64_t lost = 0;             ///< how often events were lost, each time one or more
+  std::uint64_t gone = 0;             ///< files that were gone before they could be opened
+  std::uint64_t commands = 0;         ///< of --on-match that were started
+  std::uint64_t commands_failed = 0;  ///< those that did not end with status 0, or were not started
+};
+
 struct RunSummary {
   RunEnd end = RunEnd::kComplete;
   int exit_status = 0;
   std::uint64_t restarts = 0;  ///< of the daemon
   std::uint64_t left_out = 0;  ///< what the walk passed over because it is no file
+  std::optional<WatchSummary> watch;
 };
 
 /// Writes results to standard output and into the report file as they come, progress to a terminal on standard error,
@@ -68,6 +79,9 @@ class Reporter {
     bool tags = false;     ///< as text
     bool color = false;    ///< as text
     std::string report;    ///< path of the report file; empty: none
+    bool live = false;     ///< results come now and then, and somebody waits for each
+    /// Gets the JSON line of each file with matches. May be empty.
+    std::function<void(const std::string& json_line)> on_match;
   };
 
   /// Throws std::system_error if the report file cannot be made.

@@ -46,6 +46,7 @@ constexpr std::uint32_t kDefaultWorkers = 4;  // the daemon's, where the policy 
 constexpr seconds kPolicyDeadline{600};
 constexpr seconds kStatusTimeout{30};
 constexpr seconds kRelayDeadline{3600};  // others' files come in between, and the relay sees to a daemon that hangs
+constexpr seconds kWindUp{4};            // after a signal; what OnEnd may take besides fits into kInterruptPatience
 
 void Complain(const std::string& text) { std::cerr << "vondctl: " << EscapeForTerminal(text) << '\n'; }
 
@@ -121,18 +122,23 @@ ScannerSettings MakeSettings(const PolicySource& policy, ScanRequest request, co
   return settings;
 }
 
-FileWalker MakeWalker(const ScanOptions& options, const PolicySource& policy, bool only_look) {
+WalkOptions MakeWalkOptions(const ScanOptions& options, const PolicySource& policy) {
   WalkOptions walk;
   walk.max_depth = options.max_depth;
   walk.include = options.include;
   walk.exclude = options.exclude;
   walk.one_file_system = options.one_file_system;
   walk.follow = options.follow;
-  walk.only_look = only_look;
   const std::uint64_t max_sample_size = policy.document.max_sample_size();
   const bool by_policy = max_sample_size != 0 && (options.max_size == 0 || max_sample_size < options.max_size);
   walk.max_size = by_policy ? max_sample_size : options.max_size;
   walk.max_size_name = by_policy ? "the policy's max_sample_size" : "--max-size";
+  return walk;
+}
+
+FileWalker MakeWalker(const ScanOptions& options, const PolicySource& policy, bool only_look) {
+  WalkOptions walk = MakeWalkOptions(options, policy);
+  walk.only_look = only_look;
   std::optional<PathList> list;
   if (!options.files_from.empty()) {
     list.emplace(options.files_from, options.zero_terminated ? '\0' : '\n');
@@ -147,14 +153,16 @@ bool IsCountable(const ScanOptions& options) {
          (options.files_from != "-" && ::stat(options.files_from.c_str(), &status) == 0 && S_ISREG(status.st_mode));
 }
 
-int ExitStatusFor(RunEnd end, const Reporter& reporter) {
+int ExitStatusFor(const RunSummary& summary, const Reporter& reporter) {
+  const RunEnd end = summary.end;
   if (end == RunEnd::kInterrupted) {
     return InterruptStatus();
   }
   if (end == RunEnd::kDaemonFailed) {
     return kDaemonFailed;
   }
-  if (end != RunEnd::kComplete || reporter.AnyNotScanned()) {
+  const bool any_lost = summary.watch && summary.watch->lost > 0;
+  if (end != RunEnd::kComplete || reporter.AnyNotScanned() || any_lost) {
     return kNotScanned;
   }
   return reporter.AnyMatched() ? kMatched : kClean;
@@ -219,10 +227,21 @@ PolicySource PolicyBehind(const vond_relay::Policy& policy) {
 
 // `relay`: the policy behind the relay that is asked for, if one is.
 int ScanFiles(const ScanOptions& options, const CommonOptions& common, const PolicySource& policy, ScanRequest request,
-              const vond_relay::Policy* relay) {
-  Reporter reporter({common.format, options.all, common.quiet, common.verbosity == 0, options.count, options.meta,
-                     options.tags, UseColor(common.color, STDOUT_FILENO), options.report});
-  FileWalker walker = MakeWalker(options, policy, false);
+              const vond_relay::Policy* relay, const MakeLiveSource& make_live) {
+  std::unique_ptr<FileSource> files;
+  LiveSource* live = nullptr;
+  const auto on_match = [&live](const std::string& json_line) { live->OnMatch(json_line); };
+  Reporter reporter({common.format, options.all, common.quiet, common.verbosity == 0 && !make_live, options.count,
+                     options.meta, options.tags, UseColor(common.color, STDOUT_FILENO), options.report,
+                     static_cast<bool>(make_live),
+                     make_live ? std::function<void(const std::string&)>(on_match) : nullptr});
+  if (make_live) {
+    auto made = make_live(MakeWalkOptions(options, policy));
+    live = made.get();
+    files = std::move(made);
+  } else {
+    files = std::make_unique<FileWalker>(MakeWalker(options, policy, false));
+  }
   RaiseDescriptorLimit();
   std::variant<DaemonSource, int> daemons =
       relay != nullptr ? ConnectDaemon(options.connect, *relay) : StartDaemons(options, common, policy);
@@ -230,23 +249,35 @@ int ScanFiles(const ScanOptions& options, const CommonOptions& common, const Pol
     return *status;
   }
   DaemonSource& source = std::get<DaemonSource>(daemons);
-  Scanner scanner(std::move(source.first), std::move(source.another), MakeSettings(policy, std::move(request), options),
-                  reporter);
+  ScannerSettings settings = MakeSettings(policy, std::move(request), options);
+  settings.wind_up = live != nullptr ? kWindUp : seconds(0);
+  Scanner scanner(std::move(source.first), std::move(source.another), std::move(settings), reporter);
   std::optional<TotalCounter> total;
   if (reporter.ShowsProgress() && IsCountable(options)) {
     total.emplace(MakeWalker(options, policy, true));
     reporter.UseTotal(&*total);
   }
   reporter.Policy(source.rule_sets);
-  RunSummary summary = scanner.Run(walker);
-  summary.exit_status = ExitStatusFor(summary.end, reporter);
+  if (live != nullptr) {
+    live->OnReady();
+  }
+  RunSummary summary = scanner.Run(*files);
+  if (live != nullptr) {
+    live->OnEnd(summary);
+    if (InterruptSignal() != 0 && summary.end == RunEnd::kComplete) {
+      SettleInterrupt();
+    }
+  }
+  summary.exit_status = ExitStatusFor(summary, reporter);
   if (!reporter.Summary(summary)) {
     return std::max(summary.exit_status, static_cast<int>(kNotScanned));
   }
   return summary.exit_status;
 }
 
-int RunScan(const ScanOptions& options, const CommonOptions& common) {
+}  // namespace
+
+int RunScan(const ScanOptions& options, const CommonOptions& common, const MakeLiveSource& make_live) {
   // The policy is also judged in this process, by the daemon's code; results go where that would log.
   korvo::utils::SetLogLevel(0);
   korvo::utils::EnableAssertionLines(false);
@@ -258,7 +289,7 @@ int RunScan(const ScanOptions& options, const CommonOptions& common) {
     }
     const PolicySource policy = relay ? PolicyBehind(*relay) : MakePolicy(options);
     std::optional<ScanRequest> request = MakeRequest(policy, options);
-    return request ? ScanFiles(options, common, policy, std::move(*request), relay ? &*relay : nullptr)
+    return request ? ScanFiles(options, common, policy, std::move(*request), relay ? &*relay : nullptr, make_live)
                    : static_cast<int>(kUsage);
   } catch (const PolicyError& e) {
     WriteRefusal(e.Problems(), 0, common);
@@ -272,10 +303,8 @@ int RunScan(const ScanOptions& options, const CommonOptions& common) {
   }
 }
 
-}  // namespace
-
 VerbRun AddScanCommand(CLI::App& app, const CommonOptions& common) {
-  return [options = AddScanOptions(app), &common] { return RunScan(*options, common); };
+  return [options = AddScanOptions(app), &common] { return RunScan(*options, common, {}); };
 }
 
 }  // namespace vond::vondctl

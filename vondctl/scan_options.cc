@@ -26,7 +26,8 @@ kept in memory, at most 1G of it unless --max-size says otherwise.
 Each file ends as match, clean, timeout, skipped, error or changed (its size or times moved
 meanwhile); only match and clean were scanned. vondctl opens the files with its user's rights; the
 daemon never sees a path. A daemon that dies or hangs is replaced, and the files it had are tried
-once more. With --connect that is the relay's affair, and the policy its owner's. With --format jsonl a policy comes first, then the files, then a summary.
+once more; with --connect that is the relay's affair, and the policy its owner's. With --format jsonl
+a policy comes first, then the files, then a summary.
 
 Exit status: 0 nothing matched, 1 something matched, 2 something was not scanned (whatever matched),
 3 the policy was refused, 4 the daemon failed, 64 wrong usage, 130 after Ctrl-C.
@@ -83,6 +84,19 @@ void AddSelectionOptions(CLI::App& app, ScanOptions& options) {
       ->group("Policy");
 }
 
+void AddSelection(CLI::App& app, Parsed& parsed) {
+  AddList(app, "--include", parsed.options.include, "Only files that match GLOB; may be repeated")
+      ->type_name("GLOB")
+      ->group("Files");
+  AddList(app, "--exclude", parsed.options.exclude, "Neither files nor folders that match GLOB; may be repeated")
+      ->type_name("GLOB")
+      ->group("Files");
+  app.add_option("--max-size", parsed.max_size, "Skip larger files; with K, M or G behind it for larger units")
+      ->check(CLI::Validator(CheckSize, "", ""))
+      ->type_name("SIZE")
+      ->group("Files");
+}
+
 void AddFileOptions(CLI::App& app, Parsed& parsed) {
   ScanOptions& options = parsed.options;
   app.add_option("PATH", options.paths, "Files and folders to scan; - is standard input")->type_name("");
@@ -98,16 +112,7 @@ void AddFileOptions(CLI::App& app, Parsed& parsed) {
       ->check(CLI::Validator(CheckDepth, "", ""))
       ->type_name("N")
       ->group("Files");
-  AddList(app, "--include", options.include, "Only files that match GLOB; may be repeated")
-      ->type_name("GLOB")
-      ->group("Files");
-  AddList(app, "--exclude", options.exclude, "Neither files nor folders that match GLOB; may be repeated")
-      ->type_name("GLOB")
-      ->group("Files");
-  app.add_option("--max-size", parsed.max_size, "Skip larger files; with K, M or G behind it for larger units")
-      ->check(CLI::Validator(CheckSize, "", ""))
-      ->type_name("SIZE")
-      ->group("Files");
+  AddSelection(app, parsed);
   app.add_flag("--one-file-system", options.one_file_system, "Stay on the file system of each PATH")->group("Files");
   app.add_flag("--follow", options.follow, "Follow symbolic links in folders; each folder is entered once")
       ->group("Files");
@@ -124,13 +129,17 @@ void AddRunOptions(CLI::App& app, ScanOptions& options) {
       ->check(CLI::Validator(CheckPositive, "", ""))
       ->type_name("SECONDS")
       ->group("Run");
-  auto* const vond = app.add_option("--vond", options.executable, "Path of the daemon's program");
-  vond->type_name("FILE")->group("Run");
+  app.add_option("--vond", options.executable, "Path of the daemon's program")->type_name("FILE")->group("Run");
+}
+
+// Behind all the options that it makes meaningless.
+void AddConnectOption(CLI::App& app, ScanOptions& options) {
   auto* const connect =
       app.add_option("--connect", options.connect,
                      "Scan with the daemon of the \"vondctl start\" that listens at SOCKET, and its policy");
-  connect->type_name("SOCKET")->group("Run")->excludes(vond);
-  for (const char* const name : {"--policy", "--rules", "--allow-rules", "--jobs", "--timeout", "--confirm"}) {
+  connect->type_name("SOCKET")->group("Run");
+  for (const char* const name :
+       {"--policy", "--rules", "--allow-rules", "--jobs", "--timeout", "--confirm", "--vond"}) {
     connect->excludes(app.get_option(name));
   }
 }
@@ -207,9 +216,27 @@ std::shared_ptr<const ScanOptions> AddScanOptions(CLI::App& app) {
   AddSelectionOptions(app, parsed->options);
   AddFileOptions(app, *parsed);
   AddRunOptions(app, parsed->options);
+  AddConnectOption(app, parsed->options);
   AddResultOptions(app, parsed->options);
   app.footer(kFooter);
   app.parse_complete_callback([parsed] { Complete(*parsed); });
+  return {parsed, &parsed->options};
+}
+
+std::shared_ptr<const ScanOptions> AddScanOptionsForWatch(CLI::App& app, std::function<void()> complete) {
+  const auto parsed = std::make_shared<Parsed>();
+  AddPolicyOptions(app, parsed->options);
+  app.add_option("PATH", parsed->options.paths, "Folders to watch, with all that is below them")
+      ->required()
+      ->type_name("");
+  AddSelection(app, *parsed);
+  AddRunOptions(app, parsed->options);
+  AddResultOptions(app, parsed->options);
+  app.parse_complete_callback([parsed, complete = std::move(complete)] {
+    RequirePolicy(parsed->options);
+    parsed->options.max_size = ParseSize(parsed->max_size).value_or(0);
+    complete();
+  });
   return {parsed, &parsed->options};
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -50,6 +51,10 @@ struct ScanOptions : PolicyOptions {
 
 /// Adds the options to `app`, which fills what is returned. Combinations that make no sense are parse errors.
 [[nodiscard]] std::shared_ptr<const ScanOptions> AddScanOptions(CLI::App& app);
+
+/// Adds those of them that mean something to `vondctl watch`, whose paths are folders, and has `complete` called once
+/// they are parsed.
+[[nodiscard]] std::shared_ptr<const ScanOptions> AddScanOptionsForWatch(CLI::App& app, std::function<void()> complete);
 
 /// "10", "10K", "10M", "10G" in bytes (K is 1024); nothing for anything else.
 [[nodiscard]] std::optional<std::uint64_t> ParseSize(const std::string& text);

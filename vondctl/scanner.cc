@@ -83,6 +83,7 @@ std::vector<Scanner::Finished> Scanner::FinishedQueue::Take(milliseconds timeout
   while (queue_.empty() && !awake_ && timeout.count() > 0 && steady_clock::now() < until) {
     condition_.wait_until(mutex_, until);
   }
+  awake_ = false;
   return std::exchange(queue_, {});
 }
 
@@ -96,14 +97,14 @@ Scanner::Scanner(std::unique_ptr<agent::Client> client, StartDaemon start_daemon
 
 Scanner::~Scanner() = default;
 
-RunSummary Scanner::Run(FileWalker& walker) {
+RunSummary Scanner::Run(FileSource& source) {
   const InterruptScope scope([this] { finished_.Wake(); });
   while (!IsDone()) {
     if (const auto reason = ReasonToStop()) {
       summary_.end = *reason;
       break;
     }
-    const milliseconds wait = Advance(walker);
+    const milliseconds wait = Advance(source);
     for (Finished& finished : finished_.Take(wait)) {
       TakeUp(std::move(finished));
     }
@@ -112,15 +113,20 @@ RunSummary Scanner::Run(FileWalker& walker) {
       summary_.end = RunEnd::kDaemonFailed;
       break;
     }
+    source.Tick();
     reporter_.Tick(in_flight_.empty() ? nullptr : &in_flight_.begin()->second.file.path);
   }
   client_.reset();  // what is still with it ends unheard
-  summary_.left_out = walker.LeftOut();
+  if (told_to_end_ && summary_.end == RunEnd::kInterrupted) {
+    again_.merge(in_flight_);
+    GiveUpOnRest("vondctl was told to end and could not wait for its scan");
+  }
+  summary_.left_out = source.LeftOut();
   return summary_;
 }
 
 std::optional<RunEnd> Scanner::ReasonToStop() {
-  if (InterruptSignal() != 0) {
+  if (InterruptSignal() != 0 && !MayWindUp()) {
     return RunEnd::kInterrupted;
   }
   if (reporter_.HasFailed()) {
@@ -132,7 +138,16 @@ std::optional<RunEnd> Scanner::ReasonToStop() {
   return std::nullopt;
 }
 
-milliseconds Scanner::Advance(FileWalker& walker) {
+bool Scanner::MayWindUp() {
+  if (settings_.wind_up.count() == 0 || InterruptSignal() == SIGPIPE) {
+    return false;
+  }
+  const auto now = steady_clock::now();
+  told_to_end_ = told_to_end_.value_or(now);
+  return now < *told_to_end_ + settings_.wind_up;
+}
+
+milliseconds Scanner::Advance(FileSource& source) {
   if (!death_.empty()) {
     return kTick;  // the rest of what was with it comes back now
   }
@@ -147,7 +162,7 @@ milliseconds Scanner::Advance(FileWalker& walker) {
   if (walk_ended_ || in_flight_.size() >= window_) {
     return kTick;
   }
-  std::optional<WalkedFile> file = walker.Next();
+  std::optional<WalkedFile> file = source.NextFile(in_flight_.empty());
   if (!file) {
     walk_ended_ = true;
     return milliseconds(0);

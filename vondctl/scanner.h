@@ -28,6 +28,8 @@ struct ScannerSettings {
   std::chrono::nanoseconds deadline{0};                ///< for a file that is being scanned
   std::uint64_t max_errors = 0;                        ///< 0: no bound
   bool private_rules = false;                          ///< count as matches
+  /// How long after a signal the files that are there are still scanned; 0: it stops everything at once.
+  std::chrono::nanoseconds wind_up{0};
 };
 
 /// Gets this process, and the daemons that it starts from now on, enough descriptors for a full window of files, if the
@@ -54,9 +56,9 @@ class Scanner {
   Scanner& operator=(const Scanner&) = delete;
   ~Scanner();
 
-  /// Scans all that `walker` finds, or stops early, with the daemon gone in each case. Tells how the run ended; the
+  /// Scans all that `source` has, or stops early, with the daemon gone in each case. Tells how the run ended; the
   /// exit status is left for the caller.
-  [[nodiscard]] RunSummary Run(FileWalker& walker);
+  [[nodiscard]] RunSummary Run(FileSource& source);
 
  private:
   struct InFlight {
@@ -87,9 +89,10 @@ class Scanner {
   };
 
   // Takes up another file. How long to wait for answers before there may be more to do.
-  [[nodiscard]] std::chrono::milliseconds Advance(FileWalker& walker);
+  [[nodiscard]] std::chrono::milliseconds Advance(FileSource& source);
   [[nodiscard]] bool IsDone() const { return walk_ended_ && in_flight_.empty() && again_.empty(); }
   [[nodiscard]] std::optional<RunEnd> ReasonToStop();
+  [[nodiscard]] bool MayWindUp();
   void Send(WalkedFile file, bool tried_before);
   // Has the file at the head of the daemon's queue begun, as often as workers are free.
   void BeginWaiting();
@@ -120,6 +123,7 @@ class Scanner {
   std::string death_;        // how it died; empty while it lives
   int deaths_in_a_row_ = 0;  // without an answer in between
   bool walk_ended_ = false;
+  std::optional<std::chrono::steady_clock::time_point> told_to_end_;
   RunSummary summary_;
 };
 

@@ -12,6 +12,7 @@
 #include "vondctl/status_command.h"
 #include "vondctl/unpack_command.h"
 #include "vondctl/verb.h"
+#include "vondctl/watch_command.h"
 
 namespace vond::vondctl {
 
@@ -20,6 +21,7 @@ const std::vector<Verb>& Verbs() {
       {"scan", "Start a private daemon and scan files and folders with it", &AddScanCommand},
       {"start", "Keep a daemon alive and relay the scans of others to it", &AddStartCommand},
       {"status", "Show what a running \"vondctl start\" does", &AddStatusCommand},
+      {"watch", "Scan files as they are closed after writing", &AddWatchCommand},
       {"check", "Tell what the daemon would say of rule files, and what it would not", &AddCheckCommand},
       {"explain", "Explain the code of a problem", &AddExplainCommand},
       {"policy", "Check a policy file, or show what a scan with it would send", &AddPolicyCommand},

@@ -41,6 +41,8 @@ DAMAGES = [
     ("summary", lambda o: o.pop("exit")),
     ("summary", lambda o: o.update(end="somehow")),
     ("summary", lambda o: o.update(files=-1)),
+    ("watch", lambda o: o["watch"].pop("lost")),
+    ("watch", lambda o: o["watch"].update(watcher="dnotify")),
     ("problem", lambda o: o.pop("code")),
     ("problem", lambda o: o.update(severity="fatal")),
     ("problem", lambda o: o.update(line=0)),
@@ -74,6 +76,7 @@ seen = {}
 with tempfile.TemporaryDirectory() as folder:
     os.chdir(folder)
     os.mkdir("t")
+    os.mkdir("w")
     for name, content in FILES.items():
         pathlib.Path(os.fsdecode(b"t/" + name)).write_bytes(content)
     pathlib.Path("r.yar").write_bytes(RULES)
@@ -111,6 +114,21 @@ with tempfile.TemporaryDirectory() as folder:
                 check(sum(line[outcome] for outcome in outcomes) == line["files"], f"{arguments}: {line}")
             if line["type"] != "file" or line["outcome"] == "match":
                 seen.setdefault(line["type"], line)
+
+    watch = subprocess.Popen([vondctl, *"watch -r r.yar --all --format jsonl --on-match true w".split()],
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    for line in watch.stderr:  # until it is about to see what is written
+        if b"watching w" in line:
+            break
+    pathlib.Path("w/file").write_bytes(b"alpha")
+    first = [json.loads(watch.stdout.readline()) for _ in range(2)]
+    watch.terminate()
+    lines = first + [json.loads(line) for line in watch.communicate(timeout=100)[0].splitlines()]
+    check(watch.returncode == 1, f"watch: exit status {watch.returncode}")
+    check([line["type"] for line in lines] == ["policy", "file", "summary"], f"watch: lines are {lines}")
+    for line in lines:
+        check_valid(line)
+    seen["watch"] = lines[-1]
 
     alpha = next(match for match in seen["file"]["matches"] if match["rule"] == "Alpha")
     meta = [(item["key"], item["value"]) for item in alpha["meta"]]
