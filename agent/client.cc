@@ -31,6 +31,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds kLongestTimeout = std::chrono::hours(24 * 365);
+constexpr milliseconds kStartTimeout = std::chrono::seconds(60);
 constexpr milliseconds kReapTimeout{500};     // for a daemon that has closed its channel
 constexpr milliseconds kLogLagTimeout{200};   // for lines that the daemon wrote before it answered or died
 constexpr std::uint32_t kLeastLogLevel = 3;   // lets ERROR through
@@ -236,21 +237,43 @@ Client::Client(DaemonOptions options) : user_on_output_(std::move(options.on_out
     throw Error(ErrorCode::kStartFailed, "starting vond: eventfd: " + ErrnoText(errno), errno);
   }
   options.on_output = [this](OutputStream stream, const std::string& line) { OnOutputLine(stream, line); };
+  const bool sandbox_required = options.sandbox.mode == SandboxMode::kRequired;
   process_ = std::make_unique<DaemonProcess>(std::move(options));
   try {
     receiver_ = std::thread(&Client::ReceiveLoop, this);
   } catch (const std::system_error& e) {
     throw Error(ErrorCode::kStartFailed, std::string("starting vond: ") + e.what(), e.code().value());
   }
+  if (sandbox_required) {
+    if (const std::optional<Error> error = CheckSandbox()) {
+      Stop();
+      throw Error(*error);
+    }
+  }
 }
 
-Client::~Client() {
+Client::~Client() { Stop(); }
+
+void Client::Stop() {
   {
     const MutexLock lock(mutex_);
     stop_ = true;
   }
   Wake();
   receiver_.join();
+}
+
+std::optional<Error> Client::CheckSandbox() {
+  Request request;
+  request.mutable_stats();
+  const Answer answer = Send(request, {}, kStartTimeout);  // the daemon answers once it is inside
+  if (answer.error) {
+    return Error(ErrorCode::kStartFailed, std::string("starting vond in a sandbox: ") + answer.error->what());
+  }
+  if (!IsConfined(process_->Pid())) {
+    return Error(ErrorCode::kStartFailed, "starting vond in a sandbox: it has not entered one");
+  }
+  return std::nullopt;
 }
 
 void Client::SendAsync(Request request, const std::vector<int>& fds, Deadline deadline, Callback callback) {

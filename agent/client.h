@@ -66,7 +66,8 @@ class Client {
   using Callback = std::function<void(Answer)>;
   using ScanCallback = std::function<void(ScanAnswer)>;
 
-  /// Starts a daemon. Throws Error kStartFailed.
+  /// Starts a daemon. Throws Error kStartFailed, also where a sandbox that is required can't be had; the text then
+  /// quotes the daemon on what is missing.
   explicit Client(DaemonOptions options);
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
@@ -112,6 +113,9 @@ class Client {
   };
 
   [[nodiscard]] bool OnReceiver() const { return std::this_thread::get_id() == receiver_.get_id(); }
+  void Stop() EXCLUDES(mutex_);
+  // Waits for the daemon to serve, and says what is wrong if it does so without a sandbox.
+  [[nodiscard]] std::optional<Error> CheckSandbox() EXCLUDES(mutex_);
   // Makes the receiver look at ended_ and the deadlines.
   void Wake();
   // Gives a request that was never pending its end.

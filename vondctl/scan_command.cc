@@ -187,7 +187,9 @@ int ScanFiles(const ScanOptions& options, const CommonOptions& common, const Pol
                      options.tags, UseColor(common.color, STDOUT_FILENO), options.report});
   FileWalker walker = MakeWalker(options, policy, false);
   RaiseDescriptorLimit();
-  const agent::DaemonOptions daemon = DaemonOptionsFor(options.executable, common);
+  SandboxChoice sandbox = options.sandbox;
+  sandbox.magic = ImportsMagic(policy);
+  const agent::DaemonOptions daemon = DaemonOptionsFor(options.executable, common, sandbox);
   auto client = std::make_unique<agent::Client>(daemon);
   PolicyJudgement judgement;
   {

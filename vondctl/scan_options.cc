@@ -145,6 +145,7 @@ void AddRunOptions(CLI::App& app, ScanOptions& options) {
       ->type_name("SECONDS")
       ->group("Run");
   app.add_option("--vond", options.executable, "Path of the daemon's program")->type_name("FILE")->group("Run");
+  AddSandboxOptions(app, options.sandbox, "Run");
 }
 
 void AddResultOptions(CLI::App& app, ScanOptions& options) {

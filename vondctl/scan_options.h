@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "vondctl/daemon_options.h"
+
 namespace CLI {
 class App;
 }
@@ -41,6 +43,7 @@ struct ScanOptions {
   std::uint64_t max_errors = 0;           ///< 0: no bound
   std::uint32_t deadline_in_seconds = 0;  ///< for the answer to a scan that runs; 0: follows from the time-outs
   std::string executable;                 ///< of vond; empty: the one that belongs to this vondctl
+  SandboxChoice sandbox;
 
   // The results.
   bool all = false;            ///< clean files too
