@@ -36,7 +36,7 @@ struct DaemonOptions {
   bool own_process_group = false;
   /// What the daemon may do. Where a layer can't be had, a line of its standard error says so, to `on_output` too. That
   /// SandboxMode::kRequired is met is for Client to see: a DaemonProcess by itself only ends early if not.
-  SandboxOptions sandbox;
+  SandboxOptions sandbox = {};
 };
 
 /// How a process ended: by exit(`status`) or by signal `signal`. Status -1: unknown, since somebody else in this

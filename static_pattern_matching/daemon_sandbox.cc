@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #ifndef VOND_SANITIZED
 #include <fcntl.h>
@@ -361,11 +362,10 @@ bool EnterSandbox() {
     Say(std::string(kVariable) + " can't be understood: " + e.what());
     return false;
   }
-  bool complete = true;
-  const auto take = [&](const std::string& missing, const char* what) {
+  std::vector<std::string> lines;
+  const auto take = [&lines](const std::string& missing, const char* what) {
     if (!missing.empty()) {
-      Say(std::string(what) + " (" + missing + ")");
-      complete = false;
+      lines.push_back(std::string(what) + " (" + missing + ")");
     }
   };
   processors = std::thread::hardware_concurrency();
@@ -385,10 +385,18 @@ bool EnterSandbox() {
   if (!calls.empty()) {  // which holds the network too
     take(network, "the network stays open to it");
   }
-  if (!complete && settings.required) {
-    Say("it is required, so the daemon does not start");
+  if (settings.required && !lines.empty()) {
+    std::string all;  // in one line, the daemon's last words
+    for (const std::string& line : lines) {
+      all += (all.empty() ? "it is required, but " : "; ") + line;
+    }
+    Say(all);
+    return false;
   }
-  return complete || !settings.required;
+  for (const std::string& line : lines) {
+    Say(line);
+  }
+  return true;
 }
 
 }  // namespace korvo::static_pattern_matching_daemon
