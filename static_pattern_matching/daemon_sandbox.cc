@@ -137,9 +137,14 @@ struct LandlockRules {
 };
 
 // Where libmagic looks by default, in its order.
-constexpr std::array<const char*, 8> kMagicFiles = {
-    "/etc/magic.mgc",           "/etc/magic",           "/usr/share/misc/magic.mgc", "/usr/share/misc/magic",
-    "/usr/share/file/magic.mgc", "/usr/lib/file/magic.mgc", "/usr/share/magic.mgc",  "/usr/share/magic"};
+constexpr std::array<const char*, 8> kMagicFiles = {"/etc/magic.mgc",
+                                                    "/etc/magic",
+                                                    "/usr/share/misc/magic.mgc",
+                                                    "/usr/share/misc/magic",
+                                                    "/usr/share/file/magic.mgc",
+                                                    "/usr/lib/file/magic.mgc",
+                                                    "/usr/share/magic.mgc",
+                                                    "/usr/share/magic"};
 
 std::string AllowMagic(int rules) {
   for (const char* const path : kMagicFiles) {
@@ -206,15 +211,15 @@ scmp_arg_cmp Masked(unsigned argument, std::uint64_t mask, std::uint64_t value) 
 
 void AllowCalls(Filter& filter, bool magic) {
   // Measured: the channel, scanned files and the log.
-  for (const char* const name : {"read", "pread64", "write", "lseek", "close", "fstat", "fstatfs", "recvmsg", "sendmsg",
-                                 "poll", "shutdown"}) {
+  for (const char* const name :
+       {"read", "pread64", "write", "lseek", "close", "fstat", "fstatfs", "recvmsg", "sendmsg", "poll", "shutdown"}) {
     filter.Allow(name);
   }
   // Measured: memory, threads, time, signals, the end.
   for (const char* const name :
-       {"brk", "munmap", "madvise", "mremap", "futex", "set_robust_list", "rseq", "sched_getaffinity", "getpid", "gettid",
-        "rt_sigaction", "rt_sigprocmask", "rt_sigreturn", "clock_gettime", "clock_nanosleep", "getrandom", "sysinfo",
-        "exit", "exit_group"}) {
+       {"brk", "munmap", "madvise", "mremap", "futex", "set_robust_list", "rseq", "sched_getaffinity", "getpid",
+        "gettid", "rt_sigaction", "rt_sigprocmask", "rt_sigreturn", "clock_gettime", "clock_nanosleep", "getrandom",
+        "sysinfo", "exit", "exit_group"}) {
     filter.Allow(name);
   }
   // The same by another name where the C library or the kernel is another: who waits with a signal mask, who sends and
@@ -253,8 +258,7 @@ void AllowCalls(Filter& filter, bool magic) {
 
 std::string LeaveNetwork() {
   // In a user namespace root could not become somebody else any more.
-  const bool left =
-      ::unshare(CLONE_NEWNET) == 0 || (::geteuid() != 0 && ::unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0);
+  const bool left = ::unshare(CLONE_NEWNET) == 0 || (::geteuid() != 0 && ::unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0);
   return left ? "" : ErrnoText("unshare");
 }
 

@@ -130,9 +130,7 @@ TEST(Sandbox, OffLeavesTheDaemonAsItsAgentIs) {
 // Makes system calls on the entry thread of a running daemon, from outside.
 class Intruder {
  public:
-  explicit Intruder(pid_t pid) : pid_(pid) {
-    attached_ = ::ptrace(PTRACE_SEIZE, pid_, nullptr, nullptr) == 0;
-  }
+  explicit Intruder(pid_t pid) : pid_(pid) { attached_ = ::ptrace(PTRACE_SEIZE, pid_, nullptr, nullptr) == 0; }
   Intruder(const Intruder&) = delete;
   Intruder& operator=(const Intruder&) = delete;
   ~Intruder() {
@@ -493,7 +491,9 @@ TEST(Sandbox, ALayerThatIsMissingIsOneLineOrAnErrorWhereRequired) {
        {{"setresuid", EPERM}},
        {"sandbox: the daemon stays its agent's user (setresuid: Operation not permitted)"},
        true},
-      {"limits are refused", {{"prlimit64", EPERM}}, {"sandbox: a resource has no limit (core file: Operation not "
+      {"limits are refused",
+       {{"prlimit64", EPERM}},
+       {"sandbox: a resource has no limit (core file: Operation not "
         "permitted, memory: Operation not permitted, descriptors: Operation not permitted)"}},
       {"namespaces are refused", {{"unshare", EPERM}}, {}},  // the filter holds the network
       {"filters are refused", {{"seccomp", EPERM}, {"prctl", EPERM}}, {seccomp}},
@@ -604,8 +604,8 @@ TEST(Sandbox, OptionsOfVondctl) {
     std::ofstream(folder + "/" + name) << text;
     return folder + "/" + name;
   };
-  const std::string noting = write("vond", "#!/bin/sh\necho \"$VOND_SANDBOX\" >> " + folder + "/notes\nexec " +
-                                               VOND_PATH + " \"$@\"\n");
+  const std::string noting =
+      write("vond", "#!/bin/sh\necho \"$VOND_SANDBOX\" >> " + folder + "/notes\nexec " + VOND_PATH + " \"$@\"\n");
   ASSERT_EQ(::chmod(noting.c_str(), 0755), 0);
   const std::string plain = write("plain.yar", kRule);
   const std::string magic = write("magic.yar", kMagicRule);
