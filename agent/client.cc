@@ -34,6 +34,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds kLongestTimeout = std::chrono::hours(24 * 365);
+constexpr milliseconds kStartTimeout = std::chrono::seconds(60);
 constexpr milliseconds kReapTimeout{500};     // for a daemon that has closed its channel
 constexpr milliseconds kLogLagTimeout{200};   // for lines that the daemon wrote before it answered or died
 constexpr std::uint32_t kLeastLogLevel = 3;   // lets ERROR through
@@ -239,7 +240,14 @@ std::uint32_t MaxSampleSize(const Policy& policy) {
 Client::Client(DaemonOptions options, std::function<void()> on_end)
     : user_on_output_(std::move(options.on_output)), on_end_(std::move(on_end)) {
   options.on_output = [this](OutputStream stream, const std::string& line) { OnOutputLine(stream, line); };
+  const bool sandbox_required = options.sandbox.mode == SandboxMode::kRequired;
   Start([&] { process_ = std::make_unique<DaemonProcess>(std::move(options)); });
+  if (sandbox_required) {
+    if (const std::optional<Error> error = CheckSandbox()) {
+      Stop();
+      throw Error(*error);
+    }
+  }
 }
 
 Client::Client(ManagedFD connection) : connection_(std::move(connection)) {
@@ -259,13 +267,28 @@ void Client::Start(const std::function<void()>& open_channel) {
   }
 }
 
-Client::~Client() {
+Client::~Client() { Stop(); }
+
+void Client::Stop() {
   {
     const MutexLock lock(mutex_);
     stop_ = true;
   }
   Wake();
   receiver_.join();
+}
+
+std::optional<Error> Client::CheckSandbox() {
+  Request request;
+  request.mutable_stats();
+  const Answer answer = Send(request, {}, kStartTimeout);  // the daemon answers once it is inside
+  if (answer.error) {
+    return Error(ErrorCode::kStartFailed, std::string("starting vond in a sandbox: ") + answer.error->what());
+  }
+  if (!IsConfined(process_->Pid())) {
+    return Error(ErrorCode::kStartFailed, "starting vond in a sandbox: it has not entered one");
+  }
+  return std::nullopt;
 }
 
 void Client::SendAsync(Request request, const std::vector<int>& fds, Deadline deadline, Callback callback) {

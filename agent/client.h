@@ -75,7 +75,8 @@ class Client {
   using ScanCallback = std::function<void(ScanAnswer)>;
 
   /// Starts a daemon. `on_end` is called once, on the client's thread, when the channel has ended by itself; it may be
-  /// empty and must do as callbacks must. Throws Error kStartFailed.
+  /// empty and must do as callbacks must. Throws Error kStartFailed, also where a sandbox that is required can't be
+  /// had; the text then quotes the daemon on what is missing.
   explicit Client(DaemonOptions options, std::function<void()> on_end = {});
   /// Speaks to whoever is at the other end of `connection`, a SOCK_SEQPACKET socket (see ConnectToRelay). Its end is
   /// kDaemonDied to all that is open. There is no log: a refused policy comes without reasons. Throws likewise.
@@ -139,6 +140,9 @@ class Client {
   void SendWaiting(korvo_daemon::Request request, const std::vector<int>& fds, Deadline deadline, Callback callback,
                    bool may_wait) EXCLUDES(mutex_);
   [[nodiscard]] bool OnReceiver() const { return std::this_thread::get_id() == receiver_.get_id(); }
+  void Stop() EXCLUDES(mutex_);
+  // Waits for the daemon to serve, and says what is wrong if it does so without a sandbox.
+  [[nodiscard]] std::optional<Error> CheckSandbox() EXCLUDES(mutex_);
   // Makes the receiver look at ended_ and the deadlines.
   void Wake();
   // Gives a request that was never pending its end.

@@ -97,7 +97,10 @@ Pair MakeChannel(std::size_t buffer_bytes) {
   return pair;
 }
 
-std::vector<std::string> Environment(const std::map<std::string, std::string>& added) {
+// This process's own with what the options add. How the sandbox is to be is never inherited.
+std::vector<std::string> Environment(const DaemonOptions& options) {
+  std::map<std::string, std::string> added = options.environment;
+  added.try_emplace(kSandboxVariable, SandboxVariable(options.sandbox));
   std::vector<std::string> entries;
   for (char** entry = environ; *entry != nullptr; ++entry) {
     const std::string_view text(*entry);
@@ -106,7 +109,9 @@ std::vector<std::string> Environment(const std::map<std::string, std::string>& a
     }
   }
   for (const auto& [name, value] : added) {
-    entries.push_back(name + "=" + value);
+    if (name != kSandboxVariable || !value.empty()) {
+      entries.push_back(name + "=" + value);
+    }
   }
   return entries;
 }
@@ -170,7 +175,7 @@ pid_t Spawn(const DaemonOptions& options, int stdout_fd, int stderr_fd, int chan
   std::vector<std::string> arguments{options.executable};
   arguments.insert(arguments.end(), options.extra_arguments.begin(), options.extra_arguments.end());
   arguments.insert(arguments.end(), {"-c", std::to_string(kChannelFd) + ":requests"});
-  std::vector<std::string> environment = Environment(options.environment);
+  std::vector<std::string> environment = Environment(options);
   pid_t pid = -1;
   Check(::posix_spawn(&pid, options.executable.c_str(), actions.Get(), attributes.Get(), Pointers(arguments).data(),
                       Pointers(environment).data()),

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "agent/sandbox.h"
 #include "utils/managed_fd.h"
 #include "utils/mutex.h"
 
@@ -33,6 +34,9 @@ struct DaemonOptions {
   /// Puts the daemon into a process group of its own, where a terminal's Ctrl-C does not reach it: its end is then the
   /// agent's affair alone.
   bool own_process_group = false;
+  /// What the daemon may do. Where a layer can't be had, a line of its standard error says so, to `on_output` too. That
+  /// SandboxMode::kRequired is met is for Client to see: a DaemonProcess by itself only ends early if not.
+  SandboxOptions sandbox = {};
 };
 
 /// How a process ended: by exit(`status`) or by signal `signal`. Status -1: unknown, since somebody else in this

@@ -38,6 +38,8 @@ void MeasureMatches(const Inputs& inputs, const Extent& extent, Results& results
 void MeasurePolicyLoad(const Inputs& inputs, const Extent& extent, Results& results);
 /// Memory at rest, under scans, in swaps and after them; processor time at rest.
 void MeasureMemory(const Inputs& inputs, const Extent& extent, Results& results);
+/// The daemon in its sandbox beside one without, over file classes and workers.
+void MeasureSandbox(const Inputs& inputs, const Extent& extent, Results& results);
 /// How cost grows with rules, file size and requests in flight.
 void MeasureGrowth(const Inputs& inputs, const Extent& extent, Results& results);
 

@@ -125,13 +125,16 @@ struct Daemon::State {
   agent::Client client;
 };
 
-Daemon::Daemon(std::uint32_t workers) : workers_(workers) {
+Daemon::Daemon(std::uint32_t workers, bool sandbox) : workers_(workers) {
   agent::DaemonOptions options;
   options.executable = VOND_PATH;
+  options.sandbox.mode = sandbox ? agent::SandboxMode::kOn : agent::SandboxMode::kOff;
   state_ = std::make_unique<State>(std::move(options));
 }
 
-Daemon::Daemon(const std::string& rules, std::uint32_t workers) : Daemon(workers) { Apply(MakeMemfd(rules).Get()); }
+Daemon::Daemon(const std::string& rules, std::uint32_t workers, bool sandbox) : Daemon(workers, sandbox) {
+  Apply(MakeMemfd(rules).Get());
+}
 
 Daemon::~Daemon() = default;
 

@@ -50,9 +50,9 @@ class RawYara {
 class Daemon {
  public:
   /// Starts vond without a policy; throws agent::Error.
-  explicit Daemon(std::uint32_t workers);
+  explicit Daemon(std::uint32_t workers, bool sandbox = true);
   /// Starts vond with `workers` workers and these rules; throws agent::Error.
-  Daemon(const std::string& rules, std::uint32_t workers);
+  Daemon(const std::string& rules, std::uint32_t workers, bool sandbox = true);
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;

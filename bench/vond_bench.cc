@@ -31,11 +31,12 @@ using vond::bench::Inputs;
 using vond::bench::Results;
 
 using Part = void (*)(const Inputs&, const Extent&, Results&);
-constexpr std::array<std::pair<std::string_view, Part>, 6> kParts{{{"scans", &vond::bench::MeasureScans},
+constexpr std::array<std::pair<std::string_view, Part>, 7> kParts{{{"scans", &vond::bench::MeasureScans},
                                                                    {"empty", &vond::bench::MeasureEmptyRequests},
                                                                    {"matches", &vond::bench::MeasureMatches},
                                                                    {"policy", &vond::bench::MeasurePolicyLoad},
                                                                    {"memory", &vond::bench::MeasureMemory},
+                                                                   {"sandbox", &vond::bench::MeasureSandbox},
                                                                    {"growth", &vond::bench::MeasureGrowth}}};
 
 Extent MakeExtent(bool full, std::size_t rounds) {
@@ -95,7 +96,7 @@ int main(int argc, char** argv) {
       ->check(CLI::ExistingDirectory)
       ->allow_extra_args(false);
   app.add_option("--json", json, "file to write all figures to");
-  app.add_option("--only", only, "parts: scans, empty, matches, policy, memory, growth")->delimiter(',');
+  app.add_option("--only", only, "parts: scans, empty, matches, policy, memory, sandbox, growth")->delimiter(',');
   CLI::App* const raw_load = app.add_subcommand("raw-load", "the memory of raw libyara with a compiled set");
   raw_load->add_option("FILE", path)->required();
   CLI::App* const raw_compile = app.add_subcommand("raw-compile", "the memory of raw libyara that compiles");

@@ -10,7 +10,7 @@ jobs=$(nproc)
 # shellcheck disable=SC2034 # used by the scripts that source this
 build_packages=(
   cmake ninja-build g++ pkg-config
-  libyara-dev libprotobuf-dev protobuf-compiler libpoco-dev libssl-dev zlib1g-dev
+  libyara-dev libprotobuf-dev protobuf-compiler libpoco-dev libssl-dev zlib1g-dev libseccomp-dev
   libcli11-dev libfmt-dev nlohmann-json3-dev libgtest-dev libbenchmark-dev
   python3 python3-protobuf
 )

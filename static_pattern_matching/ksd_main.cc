@@ -16,6 +16,7 @@
 #include <unordered_map>
 
 #include "korvo_common/signal_dispatcher.h"
+#include "static_pattern_matching/daemon_sandbox.h"
 #include "static_pattern_matching/static_pattern_matching_daemon.h"
 #include "utils/checked_access.h"
 #include "utils/ipc_channel.h"
@@ -129,6 +130,9 @@ int ksd_main(int argc, char** argv) {
   if (!ParseArguments(argc, argv, channels, name)) {
     LOG_ERROR("Failed to parse arguments");
     return 1;
+  }
+  if (!EnterSandbox()) {
+    return 3;
   }
   StaticPatternMatchingDaemon daemon(RequestsChannel(channels));
 

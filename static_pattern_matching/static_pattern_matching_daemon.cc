@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "static_pattern_matching/daemon_sandbox.h"
 #include "static_pattern_matching/json_conversion.h"
 #include "utils/checked_access.h"
 #include "utils/linux_utils.h"
@@ -52,7 +53,7 @@ class DescriptorsCloser {
 };
 
 std::uint64_t WorkerCount(const UserConfigData& user_config) {
-  const std::uint64_t hardware = std::thread::hardware_concurrency();
+  const std::uint64_t hardware = ProcessorCount();
   if (hardware == 0) {
     LOG_ERROR("std::thread::hardware_concurrency() failed");
     return kDefaultMaxThreads;

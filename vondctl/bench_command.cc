@@ -75,6 +75,7 @@ struct BenchArguments {
   std::size_t threads = 0;
   std::size_t slowest = 0;
   std::string executable;
+  SandboxChoice sandbox;
 };
 
 steady_clock::time_point After(double seconds) {
@@ -157,10 +158,12 @@ Sample TakeSample(const std::vector<std::string>& paths, steady_clock::time_poin
 // A daemon with the rules in force.
 class DaemonEngine {
  public:
-  DaemonEngine(const std::string& source, std::size_t threads, const std::string& executable,
+  DaemonEngine(PolicySource policy, std::size_t threads, const std::string& executable, SandboxChoice sandbox,
                const CommonOptions& common)
-      : client_(DaemonOptionsFor(executable, common)) {
-    PolicySource policy = PolicyFromRuleFile({"rules", source});
+      : client_([&] {
+          sandbox.magic = ImportsMagic(policy);
+          return DaemonOptionsFor(executable, common, sandbox);
+        }()) {
     policy.document.set_max_number_of_threads(static_cast<std::uint32_t>(threads));
     policy.document.set_yara_timeout_in_seconds(kTimeoutInSeconds);
     client_.ApplyPolicy(policy.ForAgent(DaemonLogLevel(common)), kPolicyDeadline);
@@ -431,7 +434,8 @@ int RunBench(const BenchArguments& arguments, const CommonOptions& common) {
   const std::size_t threads =
       arguments.threads != 0 ? arguments.threads : std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, 4);
   const RawEngine raw(source.Text());
-  DaemonEngine daemon(source.Text(), threads, arguments.executable, common);
+  DaemonEngine daemon(PolicyFromRuleFile({"rules", source.Text()}), threads, arguments.executable, arguments.sandbox,
+                      common);
   Say(common, fmt::format("{} rules, compiled in {:.2f} s; {}{} files found", rules, raw.CompileSeconds(),
                           sample.all_seen ? "" : "more than ", sample.found));
 
@@ -474,6 +478,7 @@ VerbRun AddBenchCommand(CLI::App& app, const CommonOptions& common) {
       ->check(CLI::Range(1, 1000).description(""))
       ->type_name("N");
   app.add_option("--vond", arguments->executable, "Path of the daemon's program")->type_name("FILE");
+  AddSandboxOptions(app, arguments->sandbox);
   app.add_option("PATH", arguments->paths, "Files and folders to scan")->required()->type_name("");
   app.footer(kFooter);
   return [arguments, &common] {

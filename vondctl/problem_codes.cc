@@ -122,6 +122,11 @@ const std::vector<ProblemCode>& ProblemCodes() {
        "    magic.type() contains \"PDF\"      better: uint32be(0) == 0x25504446\n"
        "\n"
        "The way out: test the file's first bytes instead."},
+      {"magic-readable", Severity::kNote, kAccepted, kOfRules, "the sandbox leaves the database of \"magic\" readable",
+       "The daemon's sandbox lets it open nothing. Where a rule set imports \"magic\", vondctl has it\n"
+       "leave just the files of that database readable, and allow opening files for that.\n"
+       "\n"
+       "The way out: nothing to do if that is meant; or leave out the rules that need it."},
       {"private-rule", Severity::kNote, kAccepted, kOfRules, "a private rule shows in results only when asked for",
        "Private rules serve the conditions of others. The daemon still wants \"id\" and \"action\" of them.\n"
        "\n"

@@ -173,6 +173,8 @@ class Checker {
         if (import.text == "magic") {
           Add("magic-module", file, import.line, "",
               "the module \"magic\" reads a database from disk and keeps memory");
+          Add("magic-readable", file, import.line, "",
+              "for the module \"magic\" the daemon's sandbox leaves its database readable");
         }
       }
     }

@@ -178,7 +178,9 @@ struct DaemonSource {
 // Daemons of our own; an exit status, once it has been said why, when there is none or it does not take the policy.
 std::variant<DaemonSource, int> StartDaemons(const ScanOptions& options, const CommonOptions& common,
                                              const PolicySource& policy) {
-  const agent::DaemonOptions daemon = DaemonOptionsFor(options.executable, common);
+  SandboxChoice sandbox = options.sandbox;
+  sandbox.magic = ImportsMagic(policy);
+  const agent::DaemonOptions daemon = DaemonOptionsFor(options.executable, common, sandbox);
   DaemonSource source;
   source.first = std::make_unique<agent::Client>(daemon);
   PolicyJudgement judgement;

@@ -130,6 +130,7 @@ void AddRunOptions(CLI::App& app, ScanOptions& options) {
       ->type_name("SECONDS")
       ->group("Run");
   app.add_option("--vond", options.executable, "Path of the daemon's program")->type_name("FILE")->group("Run");
+  AddSandboxOptions(app, options.sandbox, "Run");
 }
 
 // Behind all the options that it makes meaningless.
@@ -138,8 +139,8 @@ void AddConnectOption(CLI::App& app, ScanOptions& options) {
       app.add_option("--connect", options.connect,
                      "Scan with the daemon of the \"vondctl start\" that listens at SOCKET, and its policy");
   connect->type_name("SOCKET")->group("Run");
-  for (const char* const name :
-       {"--policy", "--rules", "--allow-rules", "--jobs", "--timeout", "--confirm", "--vond"}) {
+  for (const char* const name : {"--policy", "--rules", "--allow-rules", "--jobs", "--timeout", "--confirm", "--vond",
+                                 "--no-sandbox", "--require-sandbox"}) {
     connect->excludes(app.get_option(name));
   }
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "vondctl/daemon_options.h"
 #include "vondctl/policy_options.h"
 
 namespace CLI {
@@ -39,6 +40,7 @@ struct ScanOptions : PolicyOptions {
   std::uint32_t deadline_in_seconds = 0;  ///< for the answer to a scan that runs; 0: follows from the time-outs
   std::string connect;                    ///< the socket of a relay; empty: a daemon of our own
   std::string executable;                 ///< of vond; empty: the one that belongs to this vondctl
+  SandboxChoice sandbox;
 
   // The results.
   bool all = false;            ///< clean files too

@@ -75,6 +75,7 @@ struct StartOptions : PolicyOptions {
   std::uint32_t deadline_in_seconds = 0;  // 0: follows from the time-outs
   std::string prometheus;
   std::string executable;
+  SandboxChoice sandbox;
 };
 
 std::optional<mode_t> ParseMode(const std::string& text) {
@@ -121,15 +122,22 @@ std::string Origin(const PolicyOptions& options) {
   return origin;
 }
 
-// Reads the policy's files and judges it. Throws PolicyError with all its errors.
-HeldPolicy ReadPolicyFiles(const PolicyOptions& options, const CommonOptions& common) {
+struct ReadPolicy {
   HeldPolicy held;
+  bool imports_magic = false;
+};
+
+// Reads the policy's files and judges it. Throws PolicyError with all its errors.
+ReadPolicy ReadPolicyFiles(const PolicyOptions& options, const CommonOptions& common) {
+  ReadPolicy read;
+  HeldPolicy& held = read.held;
   {
     const PolicySource source = MakePolicy(options);
     PolicyJudgement judgement = JudgePolicy(source);
     if (!judgement.problems.empty()) {
       throw PolicyError(std::move(judgement.problems));
     }
+    read.imports_magic = ImportsMagic(source);
     held = agent::HoldPolicy(source.ForAgent(DaemonLogLevel(common)), Origin(options));
     held.description.clear_rule_sets();
     for (const RuleSetCount& count : judgement.rule_sets) {
@@ -140,7 +148,7 @@ HeldPolicy ReadPolicyFiles(const PolicyOptions& options, const CommonOptions& co
     }
   }
   ::malloc_trim(0);  // a compiler's memory is of no more use to a process that stays
-  return held;
+  return read;
 }
 
 void RaiseLimit() {
@@ -157,9 +165,10 @@ std::uint64_t MonotonicMicroseconds() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000 + static_cast<std::uint64_t>(now.tv_nsec) / 1000;
 }
 
-agent::RelayOptions MakeRelayOptions(const StartOptions& options, const CommonOptions& common) {
+agent::RelayOptions MakeRelayOptions(const StartOptions& options, const SandboxChoice& sandbox,
+                                     const CommonOptions& common) {
   agent::RelayOptions relay;
-  relay.daemon = DaemonOptionsFor(options.executable, common);
+  relay.daemon = DaemonOptionsFor(options.executable, common, sandbox);
   relay.access.uids.insert(options.uids.begin(), options.uids.end());
   relay.access.gids.insert(options.gids.begin(), options.gids.end());
   relay.max_clients = options.max_clients;
@@ -169,13 +178,21 @@ agent::RelayOptions MakeRelayOptions(const StartOptions& options, const CommonOp
   return relay;
 }
 
-// Reads the policy again and puts it in force, on threads of the relay.
-void Reload(agent::Relay& relay, const StartOptions& options, const CommonOptions& common) {
+// Reads the policy again and puts it in force, on threads of the relay. What the daemon's sandbox leaves open was
+// decided when it was started.
+void Reload(agent::Relay& relay, const StartOptions& options, const SandboxChoice& sandbox,
+            const CommonOptions& common) {
   NotifyServiceManager(fmt::format("RELOADING=1\nMONOTONIC_USEC={}", MonotonicMicroseconds()));
   relay.ReloadAsync(
-      [&options, &common] {
+      [&options, &sandbox, &common] {
         try {
-          return ReadPolicyFiles(options, common);
+          ReadPolicy read = ReadPolicyFiles(options, common);
+          if (read.imports_magic && !sandbox.magic && !sandbox.off) {
+            throw std::runtime_error(
+                "it imports \"magic\", whose database is out of reach for a daemon that was started without; start "
+                "again");
+          }
+          return std::move(read.held);
         } catch (const PolicyError& e) {
           WriteRefusal(e.Problems(), 0, common);
           throw std::runtime_error("it has errors");
@@ -196,18 +213,21 @@ int Serve(const StartOptions& options, const CommonOptions& common) {
   RaiseLimit();
   UnixListener listener = options.listen == kServiceManager ? UnixListener::FromServiceManager()
                                                             : UnixListener(options.listen, options.mode);
-  agent::RelayOptions relay_options = MakeRelayOptions(options, common);
+  ReadPolicy policy = ReadPolicyFiles(options, common);
+  SandboxChoice sandbox = options.sandbox;
+  sandbox.magic = policy.imports_magic;
+  agent::RelayOptions relay_options = MakeRelayOptions(options, sandbox, common);
   std::optional<MetricsFile> metrics;
   if (!options.prometheus.empty()) {
     metrics.emplace(options.prometheus);
     relay_options.publish = [&metrics](const vond_relay::Status& status) { metrics->Put(status); };
   }
-  agent::Relay relay(std::move(listener), ReadPolicyFiles(options, common), std::move(relay_options));
+  agent::Relay relay(std::move(listener), std::move(policy.held), std::move(relay_options));
   const InterruptScope stop([&relay] {
     NotifyServiceManager("STOPPING=1");
     relay.Stop();
   });
-  const HangupScope reload([&] { Reload(relay, options, common); });
+  const HangupScope reload([&] { Reload(relay, options, sandbox, common); });
   Log(common.quiet)("ready at " + options.listen);
   NotifyServiceManager("READY=1\nSTATUS=Relaying scans");
   const std::optional<std::string> failure = relay.Run();
@@ -281,6 +301,7 @@ VerbRun AddStartCommand(CLI::App& app, const CommonOptions& common) {
       ->type_name("FILE")
       ->group("Run");
   app.add_option("--vond", options->executable, "Path of the daemon's program")->type_name("FILE")->group("Run");
+  AddSandboxOptions(app, options->sandbox, "Run");
   app.footer(kFooter);
   app.parse_complete_callback([options] {
     RequirePolicy(*options);

@@ -37,6 +37,7 @@ DaemonOptions Vond(std::size_t socket_buffer_bytes = std::size_t{64} << 20) {
   DaemonOptions options;
   options.executable = VOND_PATH;
   options.socket_buffer_bytes = socket_buffer_bytes;
+  options.sandbox = test::TestSandbox();
   return options;
 }
 

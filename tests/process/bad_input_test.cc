@@ -140,6 +140,7 @@ class Daemon {
   agent::DaemonOptions Options() {
     agent::DaemonOptions options;
     options.executable = VOND_PATH;
+    options.sandbox = TestSandbox();
     options.on_output = [this](agent::OutputStream stream, const std::string& line) {
       const MutexLock lock(mutex_);
       if (stream == agent::OutputStream::kStdout) {

@@ -55,7 +55,8 @@ class FaultyDaemon {
                  .environment = {{"LD_PRELOAD", VOND_FAILING_CALLS_PATH},
                                  {"VOND_FAIL", fault},
                                  {"ASAN_OPTIONS", "verify_asan_link_order=0:alloc_dealloc_mismatch=0:detect_leaks=0"}},
-                 .on_output = {}}) {}
+                 .on_output = {},
+                 .sandbox = TestSandbox()}) {}
 
   // The daemon's whole life. Returns whether the fault was reached.
   bool Run(Findings& findings) {

@@ -69,11 +69,12 @@ std::map<std::string, std::string> Preloading(const std::string& library) {
           {"ASAN_OPTIONS", (options == nullptr ? "" : options) + std::string(":verify_asan_link_order=0")}};
 }
 
-RunningDaemon::RunningDaemon(std::map<std::string, std::string> environment)
+RunningDaemon::RunningDaemon(std::map<std::string, std::string> environment, const agent::SandboxOptions& sandbox)
     : client_([&] {
         agent::DaemonOptions options;
         options.executable = VOND_PATH;
         options.environment = std::move(environment);
+        options.sandbox = sandbox;
         options.on_output = [this](agent::OutputStream stream, const std::string& line) {
           if (stream == agent::OutputStream::kStdout) {
             const MutexLock lock(mutex_);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "agent/client.h"
+#include "tests/support/test_support.h"
 #include "utils/mutex.h"
 
 namespace vond::test {
@@ -16,7 +17,8 @@ namespace vond::test {
 /// The real vond with an agent's client, and its log.
 class RunningDaemon {
  public:
-  explicit RunningDaemon(std::map<std::string, std::string> environment = {});
+  explicit RunningDaemon(std::map<std::string, std::string> environment = {},
+                         const agent::SandboxOptions& sandbox = TestSandbox());
 
   [[nodiscard]] agent::Client& Client() { return client_; }
   [[nodiscard]] pid_t Pid() { return client_.Process().Pid(); }

@@ -3,8 +3,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <yara.h>
@@ -73,6 +75,18 @@ std::set<int> OpenDescriptors(pid_t pid) {
     fds.erase(::dirfd(directory.get()));
   }
   return fds;
+}
+
+agent::SandboxOptions TestSandbox() {
+  agent::SandboxOptions options;
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct capabilities[_LINUX_CAPABILITY_U32S_3]{};
+  const bool known = ::syscall(SYS_capget, &header, capabilities) == 0;
+  if (!known || (capabilities[0].effective & (1U << CAP_SYS_PTRACE)) == 0) {
+    options.uid = 0;
+    options.gid = 0;
+  }
+  return options;
 }
 
 ManagedFD MakeFile(std::string_view content) {

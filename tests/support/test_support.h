@@ -7,12 +7,17 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/sandbox.h"
 #include "utils/managed_fd.h"
 
 namespace vond::test {
 
 /// The open descriptors of this process (or of `pid`), from /proc; the one used for listing is left out.
 [[nodiscard]] std::set<int> OpenDescriptors(pid_t pid = 0);
+
+/// The sandbox of the tests' daemons, the default one. But where root may not look into other users' processes, as in
+/// many containers, the daemon stays root's, or OpenDescriptors could not see it.
+[[nodiscard]] agent::SandboxOptions TestSandbox();
 
 /// A memfd that holds `content`, its position at 0, close-on-exec.
 [[nodiscard]] auto_resources::ManagedFD MakeFile(std::string_view content);
