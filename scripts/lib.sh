@@ -76,3 +76,19 @@ build_preset() {
   fi
   cmake --build --preset "$preset" --parallel "$jobs" ${1:+--target "$@"}
 }
+
+# The mirror that this machine gets Debian's packages from.
+find_mirror() {
+  {
+    cat /etc/apt/sources.list.d/*.sources 2>/dev/null | awk '$1 == "URIs:" { print $2 }'
+    cat /etc/apt/sources.list /etc/apt/sources.list.d/*.list 2>/dev/null |
+      sed -En 's/^deb[[:space:]]+(\[[^]]*\][[:space:]]+)?([^[:space:]]+).*/\2/p'
+    true # one of the files is always missing
+  } | grep -E '/debian(\.list)?/?$' | head -n 1
+}
+
+# write_test_file PATH: the harmless anti-virus test file, from pieces: written out here, it would set off every scanner
+# that sees this script.
+write_test_file() {
+  printf '%s%s' "X5O!P%@AP[4\\PZX54(P^)7CC)7}\$EICAR" "-STANDARD-ANTIVIRUS-TEST-FILE!\$H+H*" >"$1"
+}

@@ -20,6 +20,8 @@ SCHEMAS = ["korvo_common/proto/KorvoDaemon.proto", "static_pattern_matching/prot
 def load_messages():
     """The schemas' message types by their full names."""
     top = pathlib.Path(__file__).resolve().parents[2]
+    if (top / "proto").is_dir():  # installed
+        top /= "proto"
     protoc = ["protoc", f"--proto_path={top}", "--include_imports", "-o/dev/stdout", *SCHEMAS]
     schemas = descriptor_pb2.FileDescriptorSet.FromString(subprocess.check_output(protoc))
     return message_factory.GetMessages(schemas.file)
