@@ -39,15 +39,14 @@ std::string Unquote(std::string_view text) {
   result.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char next = i + 1 < text.size() ? text[i + 1] : '\0';
-    if (text[i] != '\\') {
-      result += text[i];
-    } else if (next == '"' || next == '\\') {
+    const bool escape = text[i] == '\\';
+    if (escape && (next == '"' || next == '\\')) {
       result += next;
       ++i;
-    } else if (next == 't' || next == 'n' || next == 'r') {
+    } else if (escape && (next == 't' || next == 'n' || next == 'r')) {
       result += next == 't' ? '\t' : next == 'n' ? '\n' : '\r';
       ++i;
-    } else if (next == 'x' && i + 3 < text.size() && IsHexDigit(text[i + 2]) && IsHexDigit(text[i + 3])) {
+    } else if (escape && next == 'x' && i + 3 < text.size() && IsHexDigit(text[i + 2]) && IsHexDigit(text[i + 3])) {
       result += static_cast<char>(HexValue(text[i + 2]) * 16 + HexValue(text[i + 3]));
       i += 3;
     } else {
