@@ -576,7 +576,11 @@ bool Relay::CheckJob(Job& job) {
   struct stat status {};
   const int fd = job.fds.front().Get();
   if (const std::optional<Error> error = CheckScannable(fd, state_.document.max_sample_size())) {
-    FailJob(job, *error, ScanOutcome::kSkipped);
+    // The number is ours and means nothing to the client.
+    const std::string ours = "descriptor " + std::to_string(fd);
+    std::string text = error->what();
+    text = text.starts_with(ours) ? "the descriptor" + text.substr(ours.size()) : text;
+    FailJob(job, Error(error->Code(), text, error->SysErrno()), ScanOutcome::kSkipped);
     return false;
   }
   job.file_size = ::fstat(fd, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;

@@ -92,7 +92,9 @@ nlohmann::ordered_json DecisionJson(const RuleDecision& decision) {
   return json;
 }
 
-void Complain(const std::string& text) { std::cerr << "vondctl: " << EscapeForTerminal(text) << '\n'; }
+void Complain(const std::string& text) {
+  std::cerr << "vondctl: " + EscapeForTerminal(text) + '\n';  // in one piece, since other threads write there too
+}
 
 Announcer::Announcer(const CommonOptions& common)
     : json_(common.format == Format::kJsonLines), color_(UseColor(common.color, STDERR_FILENO)) {}

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <iostream>
 #include <memory>
@@ -16,6 +17,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -25,6 +27,7 @@
 #include "agent/unix_listener.h"
 #include "utils/assertion.h"
 #include "utils/log.h"
+#include "utils/mutex.h"
 #include "vondctl/announcer.h"
 #include "vondctl/daemon_options.h"
 #include "vondctl/exit_status.h"
@@ -33,6 +36,7 @@
 #include "vondctl/policy_explainer.h"
 #include "vondctl/policy_options.h"
 #include "vondctl/policy_source.h"
+#include "vondctl/text.h"
 
 namespace vond::vondctl {
 namespace {
@@ -40,6 +44,7 @@ namespace {
 using agent::HeldPolicy;
 using agent::NotifyServiceManager;
 using agent::UnixListener;
+using korvo::utils::MutexLock;
 using std::chrono::seconds;
 
 constexpr const char* kServiceManager = "systemd";
@@ -109,17 +114,15 @@ class Log {
   bool quiet_;
 };
 
+// For people; as valid UTF-8, which a message's text has to be.
 std::string Origin(const PolicyOptions& options) {
-  if (!options.policy.empty()) {
-    return options.policy;
-  }
-  std::string origin;
+  std::string origin = options.policy;
   for (const auto* const paths : {&options.rules, &options.allow_rules}) {
     for (const std::string& path : *paths) {
       origin += (origin.empty() ? "" : " ") + path;
     }
   }
-  return origin;
+  return EscapeForTerminal(origin);
 }
 
 struct ReadPolicy {
@@ -178,36 +181,88 @@ agent::RelayOptions MakeRelayOptions(const StartOptions& options, const SandboxC
   return relay;
 }
 
-// Reads the policy again and puts it in force, on threads of the relay. What the daemon's sandbox leaves open was
-// decided when it was started.
-void Reload(agent::Relay& relay, const StartOptions& options, const SandboxChoice& sandbox,
-            const CommonOptions& common) {
-  NotifyServiceManager(fmt::format("RELOADING=1\nMONOTONIC_USEC={}", MonotonicMicroseconds()));
-  relay.ReloadAsync(
-      [&options, &sandbox, &common] {
-        try {
-          ReadPolicy read = ReadPolicyFiles(options, common);
-          if (read.imports_magic && !sandbox.magic && !sandbox.off) {
-            throw std::runtime_error(
-                "it imports \"magic\", whose database is out of reach for a daemon that was started without; start "
-                "again");
-          }
-          return std::move(read.held);
-        } catch (const PolicyError& e) {
-          WriteRefusal(e.Problems(), 0, common);
-          throw std::runtime_error("it has errors");
+// Reads the policy again when asked, and has the relay put it in force. On a thread of its own, so that a daemon that
+// dies meanwhile need not wait for the compiler. What its sandbox leaves open was decided when it was started first.
+class PolicyReloader {
+ public:
+  PolicyReloader(agent::Relay& relay, const StartOptions& options, const SandboxChoice& sandbox,
+                 const CommonOptions& common)
+      : relay_(relay), options_(options), sandbox_(sandbox), common_(common), thread_(&PolicyReloader::Work, this) {}
+  ~PolicyReloader() {
+    {
+      const MutexLock lock(mutex_);
+      stop_ = true;
+      condition_.notify_one();
+    }
+    thread_.join();
+  }
+  PolicyReloader(const PolicyReloader&) = delete;
+  PolicyReloader& operator=(const PolicyReloader&) = delete;
+
+  // Asking again before it has begun is asking once.
+  void Request() EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
+    wanted_ = true;
+    condition_.notify_one();
+  }
+
+ private:
+  void Work() EXCLUDES(mutex_) {
+    while (true) {
+      {
+        const MutexLock lock(mutex_);
+        while (!wanted_ && !stop_) {
+          condition_.wait(mutex_);
         }
-      },
-      [log = Log(common.quiet)](const std::optional<std::string>& refusal) {
-        if (refusal) {
-          Complain("the policy was not put in force, the former one stays: " + *refusal);
-        } else {
-          log("the policy was read again and is in force");
+        if (stop_) {
+          return;
         }
-        NotifyServiceManager(refusal ? "READY=1\nSTATUS=The policy was refused; the former one is in force"
-                                     : "READY=1\nSTATUS=The policy was read again");
-      });
-}
+        wanted_ = false;
+      }
+      NotifyServiceManager(fmt::format("RELOADING=1\nMONOTONIC_USEC={}", MonotonicMicroseconds()));
+      std::optional<std::string> problem;
+      auto policy = std::make_shared<HeldPolicy>();
+      try {
+        ReadPolicy read = ReadPolicyFiles(options_, common_);
+        *policy = std::move(read.held);
+        if (read.imports_magic && !sandbox_.magic && !sandbox_.off) {
+          problem = "it imports \"magic\", whose database the sandbox keeps from a daemon that was started without";
+        }
+      } catch (const PolicyError& e) {
+        WriteRefusal(e.Problems(), 0, common_);
+        problem = "it has errors";
+      } catch (const std::exception& e) {
+        problem = e.what();
+      }
+      relay_.ReloadAsync(
+          [policy, problem] {
+            if (problem) {
+              throw std::runtime_error(*problem);  // counted as every other refusal
+            }
+            return std::move(*policy);
+          },
+          [log = Log(common_.quiet)](const std::optional<std::string>& refusal) {
+            if (refusal) {
+              Complain("the policy was not put in force, the former one stays: " + *refusal);
+            } else {
+              log("the policy was read again and is in force");
+            }
+            NotifyServiceManager(refusal ? "READY=1\nSTATUS=The policy was refused; the former one is in force"
+                                         : "READY=1\nSTATUS=The policy was read again");
+          });
+    }
+  }
+
+  agent::Relay& relay_;
+  const StartOptions& options_;
+  const SandboxChoice& sandbox_;
+  const CommonOptions& common_;
+  korvo::utils::Mutex mutex_;
+  std::condition_variable_any condition_;
+  bool wanted_ GUARDED_BY(mutex_) = false;
+  bool stop_ GUARDED_BY(mutex_) = false;
+  std::thread thread_;
+};
 
 int Serve(const StartOptions& options, const CommonOptions& common) {
   RaiseLimit();
@@ -227,7 +282,8 @@ int Serve(const StartOptions& options, const CommonOptions& common) {
     NotifyServiceManager("STOPPING=1");
     relay.Stop();
   });
-  const HangupScope reload([&] { Reload(relay, options, sandbox, common); });
+  PolicyReloader reloader(relay, options, sandbox, common);
+  const HangupScope reload([&reloader] { reloader.Request(); });
   Log(common.quiet)("ready at " + options.listen);
   NotifyServiceManager("READY=1\nSTATUS=Relaying scans");
   const std::optional<std::string> failure = relay.Run();
