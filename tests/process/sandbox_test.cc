@@ -336,7 +336,7 @@ int InChild(const std::function<int()>& attempt) {
 
 int ErrnoOf(long result) { return result < 0 ? errno : 0; }
 
-int Open(const char* path, int flags = O_RDONLY) { return ErrnoOf(::open(path, flags | O_CLOEXEC)); }
+int Open(const char* path, int flags = O_RDONLY) { return ErrnoOf(::open(path, flags | O_CLOEXEC, 0600)); }
 
 // Connects to a listener of the test's.
 int Connect(const sockaddr_in& address) {
