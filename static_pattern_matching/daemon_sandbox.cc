@@ -165,7 +165,11 @@ std::string AllowMagic(int rules) {
 // An allow-list of system calls. docs/sandbox.md tells how it was measured.
 class Filter {
  public:
-  Filter() : filter_(::seccomp_init(SCMP_ACT_TRAP), ::seccomp_release) {}
+  Filter() : filter_(::seccomp_init(SCMP_ACT_TRAP), ::seccomp_release) {
+    if (filter_ != nullptr) {
+      ::seccomp_attr_set(filter_.get(), SCMP_FLTATR_API_SYSRAWRC, 1);  // the kernel's own word on why it can't be had
+    }
+  }
 
   [[nodiscard]] bool IsGood() const { return filter_ != nullptr && error_ == 0; }
   [[nodiscard]] std::string Error() const {
