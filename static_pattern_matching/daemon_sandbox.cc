@@ -110,15 +110,17 @@ std::string DropCapabilities() {
 
 // The C library opens /proc/sys/vm/overcommit_memory when a thread's heap shrinks for the first time, and remembers
 // what it found. So one shrinks here: a block below the threshold for a mapping of its own and above that for trimming.
-void ShrinkOneHeap() {
+std::string ShrinkOneHeap() {
   constexpr std::size_t kSize = 3 << 20;
   try {
     std::thread([] {
       void* volatile const block = std::malloc(kSize);
       std::free(block);
     }).join();
-  } catch (const std::system_error&) {
-    // No thread, no heap: the daemon will not start either.
+    return {};
+  } catch (const std::system_error& e) {
+    return std::string("a thread: ") +
+           e.what();  // better no filter than one that ends the daemon in the midst of a scan
   }
 }
 
@@ -339,6 +341,9 @@ std::string LeaveFileSystem(const SandboxSettings& settings) {
 }
 
 std::string FilterSystemCalls(const SandboxSettings& settings) {
+  if (std::string missing = ShrinkOneHeap(); !missing.empty()) {
+    return missing;
+  }
   Filter filter;
   AllowCalls(filter, settings.magic);
   filter.Load();
@@ -385,9 +390,6 @@ bool EnterSandbox() {
   }
   take(ForgoPrivileges(), "the daemon keeps privileges, or may gain new ones");
   take(LeaveFileSystem(settings), "the file system stays open to it, Landlock can't be had");
-#ifndef VOND_SANITIZED
-  ShrinkOneHeap();
-#endif
   const std::string calls = FilterSystemCalls(settings);
   take(calls, "system calls are not filtered, seccomp can't be had");
   if (!calls.empty()) {  // which holds the network too
