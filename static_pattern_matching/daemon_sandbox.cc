@@ -110,15 +110,17 @@ std::string DropCapabilities() {
 
 // The C library opens /proc/sys/vm/overcommit_memory when a thread's heap shrinks for the first time, and remembers
 // what it found. So one shrinks here: a block below the threshold for a mapping of its own and above that for trimming.
-void ShrinkOneHeap() {
+std::string ShrinkOneHeap() {
   constexpr std::size_t kSize = 3 << 20;
   try {
     std::thread([] {
       void* volatile const block = std::malloc(kSize);
       std::free(block);
     }).join();
-  } catch (const std::system_error&) {
-    // No thread, no heap: the daemon will not start either.
+    return {};
+  } catch (const std::system_error& e) {
+    return std::string("a thread: ") +
+           e.what();  // better no filter than one that ends the daemon in the midst of a scan
   }
 }
 
@@ -165,7 +167,11 @@ std::string AllowMagic(int rules) {
 // An allow-list of system calls. docs/sandbox.md tells how it was measured.
 class Filter {
  public:
-  Filter() : filter_(::seccomp_init(SCMP_ACT_TRAP), ::seccomp_release) {}
+  Filter() : filter_(::seccomp_init(SCMP_ACT_TRAP), ::seccomp_release) {
+    if (filter_ != nullptr) {
+      ::seccomp_attr_set(filter_.get(), SCMP_FLTATR_API_SYSRAWRC, 1);  // the kernel's own word on why it can't be had
+    }
+  }
 
   [[nodiscard]] bool IsGood() const { return filter_ != nullptr && error_ == 0; }
   [[nodiscard]] std::string Error() const {
@@ -335,6 +341,9 @@ std::string LeaveFileSystem(const SandboxSettings& settings) {
 }
 
 std::string FilterSystemCalls(const SandboxSettings& settings) {
+  if (std::string missing = ShrinkOneHeap(); !missing.empty()) {
+    return missing;
+  }
   Filter filter;
   AllowCalls(filter, settings.magic);
   filter.Load();
@@ -381,9 +390,6 @@ bool EnterSandbox() {
   }
   take(ForgoPrivileges(), "the daemon keeps privileges, or may gain new ones");
   take(LeaveFileSystem(settings), "the file system stays open to it, Landlock can't be had");
-#ifndef VOND_SANITIZED
-  ShrinkOneHeap();
-#endif
   const std::string calls = FilterSystemCalls(settings);
   take(calls, "system calls are not filtered, seccomp can't be had");
   if (!calls.empty()) {  // which holds the network too
