@@ -26,8 +26,8 @@ kept in memory, at most 1G of it unless --max-size says otherwise.
 Each file ends as match, clean, timeout, skipped, error or changed (its size or times moved
 meanwhile); only match and clean were scanned. vondctl opens the files with its user's rights; the
 daemon never sees a path. A daemon that dies or hangs is replaced, and the files it had are tried
-once more; with --connect that is the relay's affair, and the policy its owner's. With --format jsonl
-a policy comes first, then the files, then a summary.
+once more; with --connect that is the relay's affair, and the policy is its owner's. With --format
+jsonl a policy comes first, then the files, then a summary.
 
 Exit status: 0 nothing matched, 1 something matched, 2 something was not scanned (whatever matched),
 3 the policy was refused, 4 the daemon failed, 64 wrong usage, 130 after Ctrl-C.

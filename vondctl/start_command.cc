@@ -100,7 +100,7 @@ std::string CheckPositive(const std::string& text) {
   return text.find_first_not_of('0') == std::string::npos ? "0 is too small" : "";
 }
 
-// What a service does not survive is said in words that its log keeps.
+// What happens, on standard error; nothing with -q. Failures are said in any case. Any thread.
 class Log {
  public:
   explicit Log(bool quiet) : quiet_(quiet) {}
