@@ -5,6 +5,7 @@ add_library(vond_agent_archive STATIC
   $<TARGET_OBJECTS:vond_agent>
   $<TARGET_OBJECTS:vond_utils>
   $<TARGET_OBJECTS:vond_korvo_common_proto>
+  $<TARGET_OBJECTS:vond_relay_proto>
   $<TARGET_OBJECTS:vond_static_pattern_matching_proto>
   $<TARGET_OBJECTS:vond_yara_lib_proto>)
 set_target_properties(vond_agent_archive PROPERTIES OUTPUT_NAME vond-agent EXPORT_NAME agent LINKER_LANGUAGE CXX)
@@ -23,7 +24,7 @@ foreach(header IN LISTS headers)
   install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vond/${folder} COMPONENT development)
 endforeach()
 install(DIRECTORY ${PROJECT_BINARY_DIR}/proto/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vond COMPONENT development
-  FILES_MATCHING PATTERN "KorvoDaemon.pb.h" PATTERN "StaticPatternMatching.pb.h" PATTERN "YaraLib.pb.h")
+  FILES_MATCHING PATTERN "KorvoDaemon.pb.h" PATTERN "Relay.pb.h" PATTERN "StaticPatternMatching.pb.h" PATTERN "YaraLib.pb.h")
 
 include(CMakePackageConfigHelpers)
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/VondAgent)
