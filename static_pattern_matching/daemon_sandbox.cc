@@ -13,6 +13,7 @@
 #include <grp.h>
 #include <linux/capability.h>
 #include <linux/landlock.h>
+#include <malloc.h>
 #include <sched.h>
 #include <seccomp.h>
 #include <sys/mman.h>
@@ -122,6 +123,13 @@ std::string ShrinkOneHeap() {
     return std::string("a thread: ") +
            e.what();  // better no filter than one that ends the daemon in the midst of a scan
   }
+}
+
+// With many threads the C library would read from /sys how many processors there are, to bound the number of its heaps.
+// The bound is the same, but need not be looked for.
+void LimitHeaps() {
+  constexpr unsigned kHeapsPerProcessor = 8;
+  ::mallopt(M_ARENA_MAX, static_cast<int>(kHeapsPerProcessor * std::max(ProcessorCount(), 1U)));
 }
 
 // The rules of a file system's interface, newer than the system's header. By version: which accesses it knows.
@@ -344,6 +352,7 @@ std::string FilterSystemCalls(const SandboxSettings& settings) {
   if (std::string missing = ShrinkOneHeap(); !missing.empty()) {
     return missing;
   }
+  LimitHeaps();
   Filter filter;
   AllowCalls(filter, settings.magic);
   filter.Load();

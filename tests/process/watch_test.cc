@@ -131,11 +131,15 @@ class Watch {
     EXPECT_TRUE(WaitUntil([this] { return HasEnded(); }, kPatience)) << Errors();
     return status_;
   }
-  // Ends it as usual; its exit status, or -1 if a signal ended it.
-  [[nodiscard]] int Stop() {
-    Signal(SIGTERM);
+  // The same as an exit status, or -1 if a signal ended it.
+  [[nodiscard]] int ExitStatus() {
     const int status = WaitForEnd();
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  // Ends it as usual.
+  [[nodiscard]] int Stop() {
+    Signal(SIGTERM);
+    return ExitStatus();
   }
 
  private:
@@ -268,7 +272,7 @@ TEST_P(WatchByEither, WhatWasClosedBeforeTheSignalIsScanned) {
   }
   watch.Signal(SIGTERM);
   watch.Signal(SIGCONT);
-  EXPECT_EQ(watch.Stop(), 0);
+  EXPECT_EQ(watch.ExitStatus(), 0);
   EXPECT_EQ(watch.Files().size(), kFiles);
   EXPECT_EQ(watch.Summary()["end"], "complete");
   EXPECT_EQ(watch.Summary()["clean"], watch.Summary()["files"]);
