@@ -118,8 +118,9 @@ void WriteText(const vond_relay::Status& status) {
        fmt::format("generation {} from {}, sha256 {}", policy.generation(), policy.origin(), policy.sha256()));
   for (const vond_relay::RuleSet& rule_set : policy.rule_sets()) {
     line("",
-         fmt::format("{}{} rules for file type {}", rule_set.has_rules() ? fmt::format("{} ", rule_set.rules()) : "",
-                     RuleTypeName(rule_set.rule_type()), rule_set.file_type()));
+         fmt::format("{}{} rule{} for file type {}", rule_set.has_rules() ? fmt::format("{} ", rule_set.rules()) : "",
+                     RuleTypeName(rule_set.rule_type()), rule_set.has_rules() && rule_set.rules() == 1 ? "" : "s",
+                     rule_set.file_type()));
   }
   if (policy.refused() > 0) {
     line("", fmt::format("{} refused since", policy.refused()));
