@@ -250,7 +250,7 @@ int ScanFiles(const ScanOptions& options, const CommonOptions& common, const Pol
   if (const int* const status = std::get_if<int>(&daemons)) {
     return *status;
   }
-  DaemonSource& source = std::get<DaemonSource>(daemons);
+  auto& source = std::get<DaemonSource>(daemons);
   ScannerSettings settings = MakeSettings(policy, std::move(request), options);
   settings.wind_up = live != nullptr ? kWindUp : seconds(0);
   Scanner scanner(std::move(source.first), std::move(source.another), std::move(settings), reporter);

@@ -86,7 +86,7 @@ bool SendScan(int socket, std::uint64_t id, int file, int flags = 0) {
 }
 
 class RelayTest : public testing::Test {
- protected:
+ public:
   RelayTest() {
     fs::remove_all(folder_);
     fs::create_directories(folder_);
@@ -100,7 +100,10 @@ class RelayTest : public testing::Test {
     std::error_code ignored;
     fs::remove_all(folder_, ignored);
   }
+  RelayTest(const RelayTest&) = delete;
+  RelayTest& operator=(const RelayTest&) = delete;
 
+ protected:
   [[nodiscard]] std::string Path(const std::string& name) const { return folder_ + "/" + name; }
   void Write(const std::string& name, const std::string& content) const {
     std::ofstream(Path(name), std::ios::binary) << content;

@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 using auto_resources::ManagedFD;
 
 class FanotifyEvents : public testing::Test {
- protected:
+ public:
   FanotifyEvents() {
     fs::create_directories(folder_ / "w/.git");
     std::array<int, 2> ends{};
@@ -35,7 +35,10 @@ class FanotifyEvents : public testing::Test {
                             [this](const std::string& text) { said_.push_back(text); });
   }
   ~FanotifyEvents() override { fs::remove_all(folder_); }
+  FanotifyEvents(const FanotifyEvents&) = delete;
+  FanotifyEvents& operator=(const FanotifyEvents&) = delete;
 
+ protected:
   // Of the file `name`, made now; of none if it is empty.
   void Send(const std::string& name, pid_t pid, std::uint64_t mask = FAN_CLOSE_WRITE) {
     fanotify_event_metadata event{};
