@@ -9,8 +9,7 @@ if(VOND_UNIT_DIR)
   endforeach()
 endif()
 
-install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/vond/examples
-  PATTERN "*.py" PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/vond/examples USE_SOURCE_PERMISSIONS)
 install(FILES docs/schema/vondctl.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/vond)
 foreach(schema korvo_common/proto/KorvoDaemon.proto static_pattern_matching/proto/StaticPatternMatching.proto
     yara/yara_lib/proto/YaraLib.proto)

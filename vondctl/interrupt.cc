@@ -36,13 +36,13 @@ std::atomic<bool> settled{false};
 static_assert(std::atomic<int>::is_always_lock_free);
 
 struct Watch {
-  ManagedFD asked;    // an eventfd: the first signal has come
-  ManagedFD signals;  // a signalfd
+  ManagedFD asked;              // an eventfd: the first signal has come
+  ManagedFD signals;            // a signalfd
+  bool ignores_hangup = false;  // this process was started so (nohup); fixed before there is another thread
   Mutex mutex;
   std::vector<const AtInterrupt*> actions GUARDED_BY(mutex);
   const InterruptScope* scope GUARDED_BY(mutex) = nullptr;
   const HangupScope* hangup GUARDED_BY(mutex) = nullptr;
-  sigset_t watched GUARDED_BY(mutex){};
 };
 
 // Never destroyed: the watching thread outlives main.
@@ -80,11 +80,11 @@ void OnBrokenPipe(int signal) {
   }
 }
 
-// Whether a signal was for a HangupScope.
-bool TakeHangup(Watch& watch, int signal) {
+// Whether a signal asks for nothing, or for what a HangupScope does.
+bool IsNoEnd(Watch& watch, int signal) {
   const MutexLock lock(watch.mutex);
   if (signal != SIGHUP || watch.hangup == nullptr) {
-    return false;
+    return signal == SIGHUP && watch.ignores_hangup;
   }
   watch.hangup->Run();
   return true;
@@ -99,7 +99,7 @@ bool WaitForSignal(Watch& watch, int timeout, bool watch_pipe) {
   }
   signalfd_siginfo info{};
   if (fds[0].revents != 0 && ::read(watch.signals.Get(), &info, sizeof info) == sizeof info &&
-      !TakeHangup(watch, static_cast<int>(info.ssi_signo))) {
+      !IsNoEnd(watch, static_cast<int>(info.ssi_signo))) {
     NoteSignal(static_cast<int>(info.ssi_signo));
     return true;
   }
@@ -136,25 +136,20 @@ void WatchInterrupts() {
 
   struct sigaction action {};
   sigset_t set;
-  sigset_t blocked;
   ::sigemptyset(&set);
-  ::sigemptyset(&blocked);
   for (const int signal : kAskingSignals) {
-    ::sigaddset(&blocked, signal);  // one that is ignored may be wanted later (HangupScope)
-    if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+    const bool is_ignored = ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+    if (!is_ignored || signal == SIGHUP) {  // one that is ignored may be wanted later (HangupScope)
       ::sigaddset(&set, signal);
     }
+    watch.ignores_hangup = watch.ignores_hangup || (is_ignored && signal == SIGHUP);
   }
-  ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+  ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
   watch.signals.Reset(::signalfd(-1, &set, SFD_CLOEXEC));
   if (!watch.asked.IsValid() || !watch.signals.IsValid()) {
     throw std::system_error(errno, std::generic_category(), "watching for signals");
   }
 
-  {
-    const MutexLock lock(watch.mutex);
-    watch.watched = set;
-  }
   std::thread(&WatchSignals).detach();
   action = {};
   action.sa_handler = &OnBrokenPipe;
@@ -205,16 +200,12 @@ HangupScope::HangupScope(std::function<void()> action) : action_(std::move(actio
   Watch& watch = TheWatch();
   const MutexLock lock(watch.mutex);
   watch.hangup = this;
-  sigset_t set = watch.watched;
-  ::sigaddset(&set, SIGHUP);
-  ::signalfd(watch.signals.Get(), &set, SFD_CLOEXEC);
 }
 
 HangupScope::~HangupScope() {
   Watch& watch = TheWatch();
   const MutexLock lock(watch.mutex);
   watch.hangup = nullptr;
-  ::signalfd(watch.signals.Get(), &watch.watched, SFD_CLOEXEC);
 }
 
 void InterruptScope::Wake() const {
