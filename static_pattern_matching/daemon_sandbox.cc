@@ -105,6 +105,13 @@ std::string ErrnoText(const char* call) { return std::string(call) + ": " + std:
 // Capabilities are of no use to the daemon; the user namespace of LeaveNetwork brings all of them.
 std::string DropCapabilities() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> held{};
+  const auto is_none = [](const __user_cap_data_struct& set) {
+    return (set.effective | set.permitted | set.inheritable) == 0;
+  };
+  if (::syscall(SYS_capget, &header, held.data()) == 0 && std::all_of(held.begin(), held.end(), is_none)) {
+    return {};  // as a service without any, which may not even call capset
+  }
   const std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
   return ::syscall(SYS_capset, &header, none.data()) == 0 ? "" : ErrnoText("capset");
 }
