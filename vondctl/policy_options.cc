@@ -10,10 +10,6 @@ namespace {
 
 using static_pattern_matching_proto::RuleType;
 
-std::string CheckPositive(const std::string& text) {
-  return text.find_first_not_of('0') == std::string::npos ? "0 is too small" : "";
-}
-
 // One value per option, so that what stands behind it stays a path.
 CLI::Option* AddList(CLI::App& app, const char* names, std::vector<std::string>& values, const char* description) {
   return app.add_option(names, values, description)->allow_extra_args(false);
@@ -49,6 +45,10 @@ void RequirePolicy(const PolicyOptions& options) {
   if (options.rules.empty() && options.allow_rules.empty() && options.policy.empty()) {
     throw CLI::RequiredError("--rules or --policy");
   }
+}
+
+std::string CheckPositive(const std::string& text) {
+  return text.find_first_not_of('0') == std::string::npos ? "0 is too small" : "";
 }
 
 std::uint32_t Processors() { return std::max(std::thread::hardware_concurrency(), 1U); }

@@ -31,6 +31,9 @@ void RequirePolicy(const PolicyOptions& options);
 /// Reads what is named. Throws PolicyError.
 [[nodiscard]] PolicySource MakePolicy(const PolicyOptions& options);
 
+/// For an option whose number must not be 0: what is wrong with `text`, or nothing.
+[[nodiscard]] std::string CheckPositive(const std::string& text);
+
 /// Of this machine, at least 1.
 [[nodiscard]] std::uint32_t Processors();
 

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <csignal>
 #include <future>
-#include <iostream>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -21,9 +20,11 @@
 #include <vector>
 
 #include "agent/client.h"
+#include "agent/held_policy.h"
 #include "agent/relay_protocol.h"
 #include "utils/assertion.h"
 #include "utils/log.h"
+#include "vondctl/announcer.h"
 #include "vondctl/daemon_options.h"
 #include "vondctl/exit_status.h"
 #include "vondctl/file_walker.h"
@@ -42,13 +43,10 @@ using static_pattern_matching_proto::RuleType;
 using static_pattern_matching_proto::ScanRequest;
 using std::chrono::seconds;
 
-constexpr std::uint32_t kDefaultWorkers = 4;  // the daemon's, where the policy has no number
 constexpr seconds kPolicyDeadline{600};
 constexpr seconds kStatusTimeout{30};
 constexpr seconds kRelayDeadline{3600};  // others' files come in between, and the relay sees to a daemon that hangs
 constexpr seconds kWindUp{4};            // after a signal; what OnEnd may take besides fits into kInterruptPatience
-
-void Complain(const std::string& text) { std::cerr << "vondctl: " << EscapeForTerminal(text) << '\n'; }
 
 // The rule types that are asked for, each once; all that the policy has for the file type if none is named. Without one
 // of them, complains and returns nothing.
@@ -110,8 +108,7 @@ void EndDaemon(agent::Client& client) {
 
 ScannerSettings MakeSettings(const PolicySource& policy, ScanRequest request, const ScanOptions& options) {
   ScannerSettings settings;
-  const std::uint32_t threads = policy.document.max_number_of_threads();
-  settings.workers = std::min(Processors(), threads == 0 ? kDefaultWorkers : threads);
+  settings.workers = agent::WorkerCount(policy.document);
   settings.timeout_in_seconds = policy.document.yara_timeout_in_seconds();
   const seconds deadline =
       options.connect.empty() ? DefaultDeadline(policy.document, request.rule_type_size()) : kRelayDeadline;

@@ -56,10 +56,6 @@ std::string CheckDepth(const std::string& text) {
   return text == kAllLevels || ParseNumber(text) ? "" : "\"" + text + "\" is not a depth";
 }
 
-std::string CheckPositive(const std::string& text) {
-  return text.find_first_not_of('0') == std::string::npos ? "0 is too small" : "";
-}
-
 struct Parsed {
   ScanOptions options;
   std::string max_size;

@@ -96,10 +96,6 @@ std::string CheckMode(const std::string& text) {
   return ParseMode(text) ? "" : "\"" + text + "\" is not a mode, such as 0660";
 }
 
-std::string CheckPositive(const std::string& text) {
-  return text.find_first_not_of('0') == std::string::npos ? "0 is too small" : "";
-}
-
 // What happens, on standard error; nothing with -q. Failures are said in any case. Any thread.
 class Log {
  public:

@@ -21,6 +21,7 @@
 #include "vondctl/file_watcher.h"
 #include "vondctl/interrupt.h"
 #include "vondctl/match_commands.h"
+#include "vondctl/policy_options.h"
 #include "vondctl/scan_command.h"
 #include "vondctl/scan_options.h"
 
@@ -167,10 +168,6 @@ void Complete(WatchOptions& options) {
     throw CLI::ValidationError("--on-match", "there is no program \"" + options.on_match + "\" that can be run");
   }
   options.on_match = *program;
-}
-
-std::string CheckPositive(const std::string& text) {
-  return text.find_first_not_of('0') == std::string::npos ? "0 is too small" : "";
 }
 
 }  // namespace
