@@ -42,6 +42,8 @@ class FileSource {
   FileSource& operator=(FileSource&&) = default;
   virtual ~FileSource() = default;
 
+  /// The policy is in force, and a signal from now on ends nothing before the source has come to its end. Once, first.
+  virtual void OnReady() {}
   /// The next file, or nothing at the end. While no file is with the daemon (`idle`) it may wait for one, a second or
   /// so.
   [[nodiscard]] virtual std::optional<WalkedFile> NextFile(bool idle) = 0;

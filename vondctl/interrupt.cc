@@ -42,6 +42,7 @@ struct Watch {
   Mutex mutex;
   std::vector<const AtInterrupt*> actions GUARDED_BY(mutex);
   const InterruptScope* scope GUARDED_BY(mutex) = nullptr;
+  bool winds_up GUARDED_BY(mutex) = false;  // the first signal came while there was a scope, which is gone by now
   const HangupScope* hangup GUARDED_BY(mutex) = nullptr;
 };
 
@@ -112,8 +113,10 @@ void WatchSignals() {
     WaitForSignal(watch, -1, true);
   }
   watch.mutex.lock();
-  if (watch.scope != nullptr) {
-    watch.scope->Wake();
+  if (watch.scope != nullptr || watch.winds_up) {
+    if (watch.scope != nullptr) {
+      watch.scope->Wake();
+    }
     watch.mutex.unlock();
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(kInterruptPatience);
     auto left = std::chrono::milliseconds(std::chrono::seconds(kInterruptPatience));
@@ -194,6 +197,7 @@ InterruptScope::~InterruptScope() {
   Watch& watch = TheWatch();
   const MutexLock lock(watch.mutex);
   watch.scope = nullptr;
+  watch.winds_up = watch.winds_up || first_signal != 0;
 }
 
 HangupScope::HangupScope(std::function<void()> action) : action_(std::move(action)) {

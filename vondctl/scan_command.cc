@@ -257,9 +257,6 @@ int ScanFiles(const ScanOptions& options, const CommonOptions& common, const Pol
     reporter.UseTotal(&*total);
   }
   reporter.Policy(source.rule_sets);
-  if (live != nullptr) {
-    live->OnReady();
-  }
   RunSummary summary = scanner.Run(*files);
   if (live != nullptr) {
     live->OnEnd(summary);

@@ -17,8 +17,6 @@ namespace vond::vondctl {
 /// A source whose end is a signal. What is there when that comes is scanned, then the run is complete.
 class LiveSource : public FileSource {
  public:
-  /// The policy is in force.
-  virtual void OnReady() = 0;
   /// A file has matches; `json_line` is its line of the results.
   virtual void OnMatch(const std::string& json_line) = 0;
   /// The last file is done. Adds to the summary; may take a few seconds.

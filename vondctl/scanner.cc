@@ -99,6 +99,7 @@ Scanner::~Scanner() = default;
 
 RunSummary Scanner::Run(FileSource& source) {
   const InterruptScope scope([this] { finished_.Wake(); });
+  source.OnReady();
   while (!IsDone()) {
     if (const auto reason = ReasonToStop()) {
       summary_.end = *reason;

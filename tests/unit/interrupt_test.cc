@@ -72,6 +72,23 @@ TEST_P(Interrupt, IsLeftToAVerbThatWindsUp) {
   EXPECT_EXIT(child(), testing::KilledBySignal(GetParam()), "^woken known readable $");
 }
 
+TEST_P(Interrupt, IsLeftToAVerbThatIsFasterThanWhoeverWatches) {
+  const auto child = [] {
+    WatchInterrupts();
+    const AtInterrupt never([] { Say("never "); });
+    {
+      const InterruptScope scope;
+      ::kill(::getpid(), GetParam());
+      while (InterruptSignal() == 0) {
+      }
+    }
+    ::usleep(50'000);  // a summary is written
+    Say("wound up");
+    EndBySignal();
+  };
+  EXPECT_EXIT(child(), testing::KilledBySignal(GetParam()), "^wound up$");
+}
+
 TEST_P(Interrupt, EndsAtOnceWhenItComesAgain) {
   const auto child = [] {
     WatchInterrupts();
