@@ -89,8 +89,8 @@ TEST(YaraSource, SplitsSourceIntoTokens) {
        "word<e> punct<==> word<f>"},
       {"modifiers with arguments", "xor(0x01-0xff) base64(\"!@#\")",
        "word<xor> punct<(> number<0x01> punct<-> number<0xff> punct<)> word<base64> punct<(> text<\"!@#\"> punct<)>"},
-      {"path of an include", "include \"..\\a\" include\t\"b",
-       "word<include> text<\"..\\a\"> word<include> error<\"b>"},
+      {"path of an include", "include \"..\\a\" include \"b\nc\"d include\t\"e\nrule",
+       "word<include> text<\"..\\a\"> word<include> text<\"b\nc\"> word<d> word<include> error<\"e\nrule>"},
       {"mark of UTF-8", "\xEF\xBB\xBFrule", "error<\xEF\xBB\xBF> word<rule>"},
       {"bytes of no token", "a \xC3\xA4\x01 b", "word<a> error<\xC3\xA4\x01> word<b>"},
       {"carriage returns", "a\r\n// b\r\nc", "word<a> comment<// b\r> word<c>"},
@@ -200,6 +200,7 @@ TEST(YaraSource, GoesOnBehindAnError) {
        "2: text without a closing quote"},
       {"private private", "", "1: expected \"rule\""},
       {"import pe rule a { condition: true }", "a ", "1: expected a quoted name"},
+      {"rule a { condition: true }\ninclude \"b\nrule c { condition: true }", "a ", "2: text without a closing quote"},
       {"\xEF\xBB\xBFrule a { condition: true }", "a ", "1: byte that no token begins with"},
   };
   for (const Case& row : cases) {

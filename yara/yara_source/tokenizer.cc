@@ -132,15 +132,20 @@ class Tokenizer {
     Add(kind, i);
   }
 
-  // The path of an "include" stands as it is: a backslash means itself.
+  // The path of an "include" stands as it is: a backslash means itself, and lines end nothing. Without a closing quote
+  // it takes in all the rest.
   void IncludedPath() {
     const std::size_t quote = SkipWhile(at_, [](char c) { return c == ' ' || c == '\t'; });
     if (quote == at_ || At(quote) != '"') {
       return;
     }
     at_ = quote;
-    const std::size_t end = SkipWhile(quote + 1, [](char c) { return c != '"' && c != '\n'; });
-    Add(At(end) == '"' ? TokenKind::kText : TokenKind::kError, At(end) == '"' ? end + 1 : end);
+    const std::size_t end = source_.find('"', quote + 1);
+    if (end == std::string_view::npos) {
+      Add(TokenKind::kError, source_.size());
+    } else {
+      Add(TokenKind::kText, end + 1);
+    }
   }
 
   // Where the hex string that begins here ends, 0 if it is none. A "}" in a "//" comment ends the string if nothing

@@ -1,0 +1,2 @@
+include "..
+rule a { conditionruonru: 
