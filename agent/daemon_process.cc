@@ -331,8 +331,9 @@ void DaemonProcess::DrainOutputs() {
     stopping = fds[2].revents != 0;
     for (std::size_t i = 0; i < outputs.size(); ++i) {
       if (fds[i].fd >= 0 && (stopping || fds[i].revents != 0)) {
-        // The last time take what the dead daemon left, but do not follow a child of its own that still writes.
-        constexpr int kLastReads = 64;
+        // The last time take what the dead daemon left, which a read or two hold, since a pipe holds no more than the
+        // buffer. A child of its own that still writes is not followed.
+        constexpr int kLastReads = 4;
         for (int reads = 0; read_some(i) && stopping && reads < kLastReads; ++reads) {
         }
       }
