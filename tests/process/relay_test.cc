@@ -350,7 +350,7 @@ TEST_F(RelayTest, OneThatReadsNothingOneThatTalksNonsenseAndOneThatIsKilledDoNot
   EXPECT_EQ(status.clients().stalled(), 1U);
   EXPECT_EQ(status.restarts(), 0U) << Output();
   agents.clear();
-  EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors(pid_).size() <= descriptors; }, kLong))
+  EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors(pid_).size() == descriptors; }, kLong))
       << "descriptors of the clients stay open";
 }
 
