@@ -115,9 +115,9 @@ int RunPack(const PackArguments& arguments, const CommonOptions& common) {
     Complain(fmt::format("{} is one of the rule files and would be lost", arguments.output));
     return kUsage;
   }
-  for (Problem& problem : problems) {  // without its include a file may still have good rules
-    if (arguments.skip_bad && problem.code == "include") {
-      problem.severity = Severity::kWarning;
+  for (Problem& problem : problems) {
+    if (problem.code == "include" || problem.code == "open-end") {  // without them a file may still have good rules
+      problem.severity = arguments.skip_bad ? Severity::kWarning : Severity::kError;
     }
   }
 

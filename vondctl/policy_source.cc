@@ -22,6 +22,7 @@
 #include "utils/rule_set_file.h"
 #include "vondctl/json_places.h"
 #include "vondctl/problem_codes.h"
+#include "yara/yara_source/yara_source.h"
 
 namespace vond::vondctl {
 namespace {
@@ -371,7 +372,11 @@ std::string JoinedContent(const RuleSetSource& rule_set) {
   }
   std::string joined;
   for (const RuleFile& file : rule_set.files) {
-    joined += korvo::static_pattern_matching_daemon::DecodeRuleSet(file.content);
+    std::string text = korvo::static_pattern_matching_daemon::DecodeRuleSet(file.content);
+    if (const auto open_end = yara_source::FindOpenEnd(text)) {
+      text.resize(open_end->begin);
+    }
+    joined += text;
     if (!joined.ends_with('\n')) {
       joined += '\n';
     }

@@ -116,6 +116,11 @@ class Merger {
       problems_.push_back(MakeProblem("bom", file.path, 1, "begins with a byte order mark, which is left out"));
       problems_.back().severity = Severity::kWarning;
     }
+    if (const auto open_end = yara_source::FindOpenEnd(opened.text)) {
+      problems_.push_back(MakeProblem("open-end", file.path, open_end->line, open_end->message));
+      problems_.back().excerpt = LineAround(opened.text, open_end->begin);
+      opened.text.resize(open_end->begin);
+    }
     opened.path = std::move(file.path);
     opened.key = key;
     opened.includes = ParseSource(opened.text).includes;
@@ -433,16 +438,6 @@ class RubbishRemover {
   Edits edits_;
 };
 
-bool HasOpenComment(const MergedSource& source) {
-  const std::vector<Range> parts = source.Parts();
-  return std::any_of(parts.begin(), parts.end(), [&](Range part) {
-    const std::string_view text = TextOf(source.Text(), part);
-    const std::vector<Token> tokens = Tokenize(text);
-    return !tokens.empty() && tokens.back().kind == TokenKind::kError &&
-           TextOf(text, tokens.back().range).starts_with("/*");
-  });
-}
-
 // Finds out whose the compiler's errors are.
 class Blame {
  public:
@@ -677,8 +672,7 @@ MergedSource LeaveOut(const MergedSource& source, const std::map<std::size_t, st
 }
 
 MergedSource LeaveOutBroken(const MergedSource& source, std::vector<RuleDecision>& decisions) {
-  // The compiler lets a comment without an end pass, and with it all files behind.
-  if (!HasOpenComment(source) && CompilerErrors(source.Text()).empty()) {
+  if (CompilerErrors(source.Text()).empty()) {
     return source;
   }
   MergedSource rest = RubbishRemover(source, decisions).Run();

@@ -250,6 +250,10 @@ class Checker {
       file.Blank({0, kUtf8Mark.size()});
     }
     CheckMark(file);
+    if (const auto open_end = yara_source::FindOpenEnd(text)) {
+      Add("open-end", file, open_end->line, "", open_end->message);
+      file.Blank({open_end->begin, text.size()});
+    }
   }
 
   // A mark that does not stand at the very beginning, and so makes nothing a packed file.

@@ -204,6 +204,19 @@ TEST_F(CheckTest, SeveralFilesAreOneSetAndKeepTheirOwnLines) {
   EXPECT_EQ(result.exit_status, kRefused);
 }
 
+TEST_F(CheckTest, AnOpenCommentTakesNothingOfTheNextFile) {
+  Write("rules/a.yar", "rule A { meta: id = \"a\" action = \"block\" condition: true }\n/* rule Lost {\n}");
+  Write("rules/b.yar", "*/\n");
+  Write("rules/c.yar", "rule C { meta: id = \"c\" action = \"block\" condition: true }\n");
+  EXPECT_EQ(Summarize(Run("check --format jsonl %rules")).codes, "open-end:2 COMPILE-ERROR:1");
+  fs::remove(folder_ / "rules/b.yar");
+  const ChildResult result = Run("check %rules");
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(WithoutFolder(result.err), "vondctl: 2 rules in 2 files: 1 warning; the daemon takes them\n");
+  EXPECT_EQ(WithoutFolder(Run("scan -q --rules %rules %rules/c.yar").out),
+            "rules/c.yar: A (block, id a, action block)\nrules/c.yar: C (block, id c, action block)\n");
+}
+
 TEST_F(CheckTest, ARefusedPolicyPointsAtThePlaceAndTheWayOut) {
   Write("rules/a.yar", "rule A { meta: id = \"a\" action = \"inform\" condition: true }\n");
   Write("rules/b.yar", "// none\n");

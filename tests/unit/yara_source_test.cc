@@ -216,6 +216,38 @@ TEST(YaraSource, GoesOnBehindAnError) {
 }
 
 #ifndef VOND_SANITIZED  // which take their own time
+TEST(YaraSource, FindsWhatTheCompilerLetsGoOnToTheEnd) {
+  const struct {
+    std::string source;
+    std::size_t begin;  // npos: nothing
+    long line;
+  } cases[] = {
+      {"", std::string::npos, 0},
+      {"rule A { condition: true }\n/* end */\n", std::string::npos, 0},
+      {"rule A { condition: true }\n  /* no end\n", 29, 2},
+      {"/*/", 0, 1},
+      {"/**/ /* /* */", std::string::npos, 0},
+      {"/* */ /* /*", 6, 1},
+      {"*\n/*", 2, 2},
+      {"// /*", std::string::npos, 0},
+      {"\"/*", std::string::npos, 0},  // ends with its line, which the compiler says
+      {"$a = \"/*\" ", std::string::npos, 0},
+      {"$a = /\\/*", std::string::npos, 0},
+      {"{ /* */ 41 /* }", 11, 1},
+      {"\ninclude \"a\n/*", 1, 2},
+      {"include \"a\"", std::string::npos, 0},
+      {"include \"a\" include\t\"", 12, 1},
+      {"included \"", std::string::npos, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.source);
+    const std::optional<OpenEnd> open_end = FindOpenEnd(c.source);
+    EXPECT_EQ(open_end ? open_end->begin : std::string::npos, c.begin);
+    EXPECT_EQ(open_end ? open_end->line : 0, c.line);
+    EXPECT_FALSE(FindOpenEnd(c.source.substr(0, c.begin)));
+  }
+}
+
 TEST(YaraSource, HostileSourceTakesNoLongerThanItsSizeAllows) {
   for (const char* piece : {"{//",
                             "{//\n",

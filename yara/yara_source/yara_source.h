@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -97,6 +98,17 @@ struct SourceIndex {
 
 /// Reads the declarations of a source. Any thread. Never throws but for want of memory.
 [[nodiscard]] SourceIndex ParseSource(std::string_view source);
+
+/// A comment, or the path of an include, that goes on to the end of a source. The compiler says nothing about it and
+/// takes in whatever follows, also another source that is joined to this one.
+struct OpenEnd {
+  std::string message;
+  std::size_t begin = 0;  ///< with the keyword of an include
+  long line = 1;
+};
+
+/// Any thread. Runs in time proportional to the source.
+[[nodiscard]] std::optional<OpenEnd> FindOpenEnd(std::string_view source);
 
 /// Changes to a source, kept until all are known, so that every range is one of the original.
 class Edits {
