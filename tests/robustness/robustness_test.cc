@@ -30,7 +30,7 @@ constexpr int kLeastFaults = 100;
 constexpr int kRequests = 10'000;
 #else
 constexpr seconds kStorm{30};
-constexpr int kLeastFaults = 2000;
+constexpr int kLeastFaults = 500;
 constexpr int kRequests = 100'000;
 #endif
 
