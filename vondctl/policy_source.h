@@ -59,7 +59,8 @@ struct PolicySource {
 void ReadRuleFiles(const std::string& path, std::vector<RuleFile>& files, std::vector<Problem>& problems);
 
 /// The source that the daemon compiles for `rule_set`: a lone file as it stands, several decoded and joined, each
-/// beginning on a line of its own, and none inside what the one before leaves open (FindOpenEnd). Throws the decoder's exceptions for a damaged packed file.
+/// beginning on a line of its own, and none inside what the one before leaves open (FindOpenEnd). Throws the decoder's
+/// exceptions for a damaged packed file.
 [[nodiscard]] std::string JoinedContent(const RuleSetSource& rule_set);
 
 /// The line of `text` that begins at `begin`, for people to find a place by: without its newline, cut where it is long.
