@@ -30,7 +30,7 @@ constexpr int kLeastFaults = 100;
 constexpr int kRequests = 10'000;
 #else
 constexpr seconds kStorm{30};
-constexpr int kLeastFaults = 500;
+constexpr int kLeastFaults = 2000;
 constexpr int kRequests = 100'000;
 #endif
 
@@ -235,7 +235,7 @@ TEST(Robustness, FilesCutShortUnderScansNeverEndTheDaemon) {
   std::atomic<int> faults{0}, right{0}, wrong{0};
   std::size_t workers = 0;
   const auto deadline = steady_clock::now() + kStorm;
-  const auto latest = deadline + seconds(90);  // where the cutter seldom gets a processor
+  const auto latest = deadline + seconds(150);  // where the cutter seldom gets a processor
   while (steady_clock::now() < deadline || (faults < kLeastFaults && steady_clock::now() < latest)) {
     for (CutFile& file : files) {
       if (file.in_flight < kInFlightPerFile) {
