@@ -85,15 +85,15 @@ const std::vector<ProblemCode>& ProblemCodes() {
        "output of yarac, which the daemon does not take.\n"
        "\n"
        "The way out: save the file as UTF-8 text, or use the source instead of compiled rules."},
-      {"open-end", Severity::kWarning, kAccepted, kOfRules, "a rule file ends inside a comment or an include",
+      {"open-end", Severity::kWarning, kAccepted, kOfRules, "a rule file ends inside a comment or a string",
        "To the compiler a comment that nothing closes goes on to the end, and so does the path of an\n"
-       "include without its second quote. Rules in it are lost without a word; often the file was cut\n"
-       "short. Rule files behind it in the same set are not concerned: vondctl joins them without it.\n"
-       "vondctl pack refuses such a file.\n"
+       "include without its second quote, or a string on a last line that no newline ends. Rules in it\n"
+       "are lost without a word; often the file was cut short. Rule files behind it in the same set are\n"
+       "not concerned: vondctl joins them without it. vondctl pack refuses such a file.\n"
        "\n"
        "    rule A { ... }  /* rule B { ... }      there is no rule B\n"
        "\n"
-       "The way out: get the whole file, or close the comment."},
+       "The way out: get the whole file, or close what is open."},
       {"bom", Severity::kError, kRefuses, kOfRules, "a rule file begins with a byte order mark",
        "Some editors put the bytes EF BB BF before text in UTF-8. To the compiler they are a syntax\n"
        "error.\n"

@@ -229,14 +229,19 @@ TEST(YaraSource, FindsWhatTheCompilerLetsGoOnToTheEnd) {
       {"/* */ /* /*", 6, 1},
       {"*\n/*", 2, 2},
       {"// /*", std::string::npos, 0},
-      {"\"/*", std::string::npos, 0},  // ends with its line, which the compiler says
+      {"\"/*", 0, 1},
+      {"\"/*\n", std::string::npos, 0},  // ends with its line, which the compiler says
       {"$a = \"/*\" ", std::string::npos, 0},
-      {"$a = /\\/*", std::string::npos, 0},
+      {"$a = /\\/*", 5, 1},
+      {"$a = /a/ = 1 / 2\n", std::string::npos, 0},
       {"{ /* */ 41 /* }", 11, 1},
       {"\ninclude \"a\n/*", 1, 2},
       {"include \"a\"", std::string::npos, 0},
       {"include \"a\" include\t\"", 12, 1},
-      {"included \"", std::string::npos, 0},
+      {"include\n\"a", 8, 2},  // no include to the compiler
+      {"include\"a", 7, 1},
+      {"included \"", 9, 1},
+      {"a \x80", std::string::npos, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.source);

@@ -10,7 +10,9 @@ std::optional<OpenEnd> FindOpenEnd(std::string_view source) {
   const std::size_t closing = source.rfind("*/");
   const bool may_be_comment =
       opening != std::string_view::npos && (closing == std::string_view::npos || closing < opening + 2);
-  if (!may_be_comment && source.find("include") == std::string_view::npos) {
+  const std::string_view last_line = source.substr(source.rfind('\n') + 1);
+  if (!may_be_comment && last_line.find_first_of("\"/") == std::string_view::npos &&
+      source.find("include") == std::string_view::npos) {
     return std::nullopt;  // as nearly always, without a look at each token
   }
   const std::vector<Token> tokens = Tokenize(source);
@@ -18,17 +20,27 @@ std::optional<OpenEnd> FindOpenEnd(std::string_view source) {
     return std::nullopt;
   }
   const Token& last = tokens.back();
-  if (source.substr(last.range.begin).starts_with("/*")) {
-    return OpenEnd{"comment without an end, which takes in all that follows", last.range.begin, last.line};
+  const std::string_view text = source.substr(last.range.begin);
+  OpenEnd open_end{"", last.range.begin, last.line};
+  if (text.starts_with("/*")) {
+    open_end.message = "comment without an end";
+  } else if (text.starts_with('/')) {
+    open_end.message = "regular expression without an end";
+  } else if (text.starts_with('"')) {
+    open_end.message = "text without a closing quote";
+  } else {
+    return std::nullopt;
   }
-  if (tokens.size() >= 2 && source[last.range.begin] == '"') {
-    const Token& keyword = tokens[tokens.size() - 2];
-    if (source.substr(keyword.range.begin, keyword.range.Size()) == "include") {
-      return OpenEnd{"include without a closing quote, which takes in all that follows", keyword.range.begin,
-                     keyword.line};
+  open_end.message += ", which takes in all that follows";
+  if (tokens.size() >= 2 && text.starts_with('"')) {
+    const Range keyword = tokens[tokens.size() - 2].range;
+    const std::string_view gap = source.substr(keyword.end, last.range.begin - keyword.end);
+    if (source.substr(keyword.begin, keyword.Size()) == "include" && !gap.empty() &&
+        gap.find_first_not_of(" \t") == std::string_view::npos) {
+      open_end.begin = keyword.begin;
     }
   }
-  return std::nullopt;
+  return open_end;
 }
 
 void Edits::Replace(Range range, std::string text) { changes_.emplace_back(range, std::move(text)); }

@@ -99,8 +99,8 @@ struct SourceIndex {
 /// Reads the declarations of a source. Any thread. Never throws but for want of memory.
 [[nodiscard]] SourceIndex ParseSource(std::string_view source);
 
-/// A comment, or the path of an include, that goes on to the end of a source. The compiler says nothing about it and
-/// takes in whatever follows, also another source that is joined to this one.
+/// A comment, the path of an include, text or a regular expression that goes on to the end of a source. The compiler
+/// says nothing about it, and takes in what follows when another source is joined to this one.
 struct OpenEnd {
   std::string message;
   std::size_t begin = 0;  ///< with the keyword of an include
